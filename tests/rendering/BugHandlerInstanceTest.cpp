@@ -1,0 +1,110 @@
+#include "BugHandlerInstance.h"
+
+#include "ax/rendering/Initializer.h"
+#include "ax/rendering/RenderingException.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using Ax::Rendering::BugHandlerInstance;
+using Ax::Rendering::RenderingException;
+
+template <class Action>
+std::string RaisedText(Action action)
+{
+    try {
+        action();
+    } catch (const RenderingException& e) {
+        return e.Message();
+    }
+    ADD_FAILURE() << "no RenderingException";
+    return {};
+}
+
+TEST(BugHandlerInstanceTest, AMessageEndsInARenderingExceptionWithItsText)
+{
+    BugHandlerInstance handler;
+    handler.Arm();
+    handler.Assert("src/x.cpp", 5);
+    EXPECT_EQ(handler.Printf("Given: %d.\n", 3), 11);  // ten characters and the terminator
+    EXPECT_TRUE(handler.MessageOpen());
+    EXPECT_EQ(RaisedText([&] { handler.Flush(); }), "src/x.cpp: 5: Assertation failed.\nGiven: 3.\n");
+    EXPECT_FALSE(handler.MessageOpen());
+
+    handler.Error("e.cpp", 1);
+    EXPECT_EQ(RaisedText([&] { handler.Flush(); }), "e.cpp: 1: Runtime error.\n");
+    handler.Trace("t.cpp", 2);
+    EXPECT_EQ(RaisedText([&] { handler.Flush(); }), "t.cpp: 2: Trace information.\n");
+}
+
+TEST(BugHandlerInstanceTest, MisuseRaisesTheUnexpectedCallTexts)
+{
+    BugHandlerInstance handler;
+    EXPECT_EQ(RaisedText([&] { handler.Trace("f", 1); }), "Unexpected call to Trace");
+    EXPECT_EQ(RaisedText([&] { handler.Assert("f", 1); }), "Unexpected call to Assert");
+    EXPECT_EQ(RaisedText([&] { handler.Error("f", 1); }), "Unexpected call to Error");
+    EXPECT_EQ(RaisedText([&] { handler.Printf("x"); }), "Unexpected call to Printf");
+    EXPECT_EQ(RaisedText([&] { handler.Flush(); }), "Unexpected call to Flush");
+    EXPECT_EQ(RaisedText([&] { handler.Disarm(); }), "Unexpected call to Disarm");
+    handler.Arm();
+    EXPECT_EQ(RaisedText([&] { handler.Arm(); }), "Unexpected call to Arm");
+    EXPECT_EQ(RaisedText([&] { handler.Printf("x"); }), "Unexpected call to Printf");
+    handler.Trace("f", 1);
+    EXPECT_EQ(RaisedText([&] { handler.Disarm(); }), "Unexpected call to Disarm");
+    EXPECT_EQ(RaisedText([&] { handler.Trace("f", 1); }), "Unexpected call to Trace");
+}
+
+TEST(BugHandlerInstanceTest, TheBufferHoldsExactly4096BytesWithTheTerminator)
+{
+    BugHandlerInstance handler;
+    handler.Arm();
+    handler.Trace("f", 1);
+    const std::int32_t heading = handler.Length();
+    const std::string fill(static_cast<std::size_t>(BugHandlerInstance::kBufferSize - heading - 1), 'x');
+    EXPECT_EQ(handler.Printf("%s", fill.c_str()), static_cast<int>(fill.size()) + 1);
+    EXPECT_EQ(handler.Length(), BugHandlerInstance::kBufferSize - 1);
+    EXPECT_EQ(handler.Printf("%s", ""), 1);
+
+    EXPECT_EQ(RaisedText([&] { handler.Printf("y"); }), "Insufficient space in the message buffer!");
+    EXPECT_EQ(handler.Length(), BugHandlerInstance::kBufferSize - 1);
+    // The overflow left the message open: the next one can't start.
+    EXPECT_TRUE(handler.MessageOpen());
+    EXPECT_EQ(RaisedText([&] { handler.Assert("f", 2); }), "Unexpected call to Assert");
+    const std::string text = RaisedText([&] { handler.Flush(); });
+    EXPECT_EQ(text.size(), static_cast<std::size_t>(BugHandlerInstance::kBufferSize - 1));
+}
+
+TEST(BugHandlerInstanceTest, ANewMessageForgetsTheOldText)
+{
+    BugHandlerInstance handler;
+    handler.Arm();
+    handler.Error("long.cpp", 100);
+    handler.Printf("%s", std::string(500, 'z').c_str());
+    EXPECT_EQ(RaisedText([&] { handler.Flush(); }).size(), 30u + 500u);
+    handler.Trace("f", 1);
+    EXPECT_EQ(RaisedText([&] { handler.Flush(); }), "f: 1: Trace information.\n");
+}
+
+TEST(BugHandlerInstanceTest, ExitEndsTheProcessWithStatusOne)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    BugHandlerInstance handler;
+    EXPECT_EXIT(handler.Exit(), ::testing::ExitedWithCode(1), "");
+}
+
+TEST(BugHandlerInstanceTest, NativeReportsReachTheHostAsRenderingExceptions)
+{
+    Ax::Rendering::Initializer::Initialize();
+    const int line = __LINE__ + 1;
+    const std::string text = RaisedText([] { QEL_ASSERT(false, "QelSize2::QelSize2: Negative size"); });
+    EXPECT_EQ(text, "tests/rendering/BugHandlerInstanceTest.cpp: " + std::to_string(line) +
+                        ": Assertation failed.\nQelSize2::QelSize2: Negative size");
+    EXPECT_NE(dynamic_cast<BugHandlerInstance*>(QelDebug::BugHandler()), nullptr);
+    // A report from the middle of a message would be refused; a finished one leaves the handler ready.
+    EXPECT_FALSE(static_cast<BugHandlerInstance*>(QelDebug::BugHandler())->MessageOpen());
+}
+
+}  // namespace
