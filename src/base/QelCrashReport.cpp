@@ -6,9 +6,11 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -57,8 +59,15 @@ constexpr CodeName kCodeNames[] = {
 
 void ReplaceAll(std::string& text, std::string_view from, std::string_view to)
 {
-    for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-        text.replace(at, from.size(), to);
+    std::string result;
+    result.reserve(text.size());
+    std::size_t start = 0;
+    for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, start)) {
+        result.append(text, start, at - start).append(to);
+        start = at + from.size();
+    }
+    result.append(text, start, std::string::npos);
+    text = std::move(result);
 }
 
 void WriteText(int fd, std::string_view text)

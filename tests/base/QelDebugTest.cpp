@@ -155,6 +155,7 @@ TEST_F(QelDebugTest, FormsCallTheHandlerInOrderAndOnlyTheSevereOnesExit)
     const std::vector<std::string> expected{"Arm",   "Assert", "Printf:a1", "Flush", "Exit",     "Error",
                                             "Printf:e", "Flush", "Exit",   "Trace", "Printf:t", "Flush"};
     EXPECT_EQ(calls, expected);
+    QelDebug::SetBugHandler(nullptr);  // the handler refers to calls, which dies with this scope
 }
 
 }  // namespace

@@ -1,0 +1,154 @@
+#include "base/QelArray.h"
+
+#include "base/imp/QelThrowBugHandler.h"
+#include "support/CountingMemoryManager.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace {
+
+// An element with a destructor, which counts its destructions.
+struct Tracked {
+    int* destroyed = nullptr;
+    ~Tracked() { ++*destroyed; }
+};
+
+}  // namespace
+
+template <>
+inline constexpr bool kQelArrayBytewise<Tracked> = true;
+
+namespace {
+
+using Array = QelArray<std::int32_t>;
+constexpr std::int32_t kDefault = -7;
+
+// Elements start as 1000 + index, so a moved element shows where it came from.
+std::unique_ptr<Array> MakeNumbered(const QelIntRange& range, QelMemoryManager* manager)
+{
+    auto array = Array::New(range, kDefault, manager);
+    for (std::int32_t i = range.Min; array && i <= range.Max; ++i)
+        array->Elem(i) = 1000 + i;
+    return array;
+}
+
+// What a resize from `before` must leave in every element.
+void ExpectKeptOrDefault(const Array& array, const QelIntRange& before)
+{
+    const QelIntRange range = array.Range();
+    EXPECT_EQ(&array.Elem(range.Min), array.Data());
+    for (std::int32_t i = range.Min; i <= range.Max; ++i)
+        EXPECT_EQ(array.Elem(i), before.Contains(i) ? 1000 + i : kDefault) << "index " << i;
+}
+
+// true: blocks from a manager; false: malloc and realloc.
+class QelArrayResizeTest : public ::testing::TestWithParam<bool> {
+protected:
+    QelMemoryManager* Manager() { return GetParam() ? &m_manager : nullptr; }
+    CountingMemoryManager m_manager;
+};
+
+TEST_P(QelArrayResizeTest, KeepsSharedElementsAtTheirIndicesAndFillsTheRestWithTheDefault)
+{
+    const QelIntRange before(0, 9);
+    const std::vector<QelIntRange> targets = {{5, 14}, {-5, 4}, {2, 7}, {-3, 12}, {20, 29}, {-40, -1}};
+    for (const QelIntRange& target : targets) {
+        SCOPED_TRACE(testing::Message() << "to (" << target.Min << ", " << target.Max << ")");
+        auto array = MakeNumbered(before, Manager());
+        ASSERT_NE(array, nullptr);
+        ASSERT_TRUE(array->Resize(target));
+        EXPECT_EQ(array->Range(), target);
+        ExpectKeptOrDefault(*array, before);
+    }
+}
+
+TEST_P(QelArrayResizeTest, ResizeToEmptyGivesTheBlockBackAndALaterResizeWorks)
+{
+    auto array = MakeNumbered({0, 9}, Manager());
+    ASSERT_NE(array, nullptr);
+    ASSERT_TRUE(array->Resize(QelIntRange::Empty()));
+    EXPECT_EQ(array->Length(), 0);
+    EXPECT_EQ(array->Data(), nullptr);
+    EXPECT_EQ(array->ZElem(), nullptr);
+    EXPECT_EQ(m_manager.Outstanding(), 0u);
+
+    ASSERT_TRUE(array->Resize({3, 5}));
+    ExpectKeptOrDefault(*array, QelIntRange::Empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(BothBlockSources, QelArrayResizeTest, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "Manager" : "Malloc"; });
+
+TEST(QelArrayTest, SignedTableIsIndexedByTheVoxelValueDirectly)
+{
+    auto table = QelArray<std::int16_t>::New({-32768, 32767}, 0, nullptr);
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(table->Length(), 65536);
+    EXPECT_EQ(&table->Elem(-32768), table->Data());
+    EXPECT_EQ(table->ZElem(), table->Data() + 32768);
+    table->Elem(32767) = 5;
+    EXPECT_EQ(table->Data()[65535], 5);
+}
+
+TEST(QelArrayTest, NewCountsSizesFromZeroAndRefusesInfiniteRangesAndNegativeSizes)
+{
+    auto empty = Array::New(0, 1, nullptr);
+    ASSERT_NE(empty, nullptr);
+    EXPECT_TRUE(empty->Range().IsEmpty());
+    auto four = Array::New(4, 9, nullptr);
+    ASSERT_NE(four, nullptr);
+    EXPECT_EQ(four->Range(), QelIntRange(0, 3));
+    EXPECT_EQ(four->Elem(3), 9);
+    EXPECT_EQ(Array::New({QelIntRange::kLowest, 0}, 0, nullptr), nullptr);
+
+    QelDebug::SetBugHandler(nullptr);
+    std::string message;
+    try {
+        (void)Array::New(-3, 0, nullptr);
+    } catch (const QelThrowBugHandler::AssertException& e) {
+        message = e.what();
+    }
+    EXPECT_EQ(message.substr(message.find('\n') + 1),
+              "QelArray::New (size, default_elem):\n  \"size\" must be positive or zero. -3 was given\n");
+}
+
+// A refused resize keeps range and block, and the manager ends up with every block back.
+TEST(QelArrayTest, RefusedResizeKeepsTheRangeAndTheBlock)
+{
+    CountingMemoryManager manager;
+    auto array = MakeNumbered({-2, 7}, &manager);
+    ASSERT_NE(array, nullptr);
+    ASSERT_TRUE(array->Resize({0, 9}));
+    EXPECT_EQ(manager.LastSize(), 10 * sizeof(std::int32_t));
+    EXPECT_EQ(manager.Outstanding(), 1u);
+    const std::int32_t* data = array->Data();
+
+    EXPECT_FALSE(array->Resize(QelIntRange::Infinite()));
+    EXPECT_FALSE(array->Resize({0, QelIntRange::kHighest}));
+    ExpectKeptOrDefault(*array, {-2, 7});
+
+    manager.SetFailing(true);
+    EXPECT_EQ(Array::New(10, 0, &manager), nullptr);
+    EXPECT_FALSE(array->Resize({5, 14}));
+    EXPECT_EQ(array->Range(), QelIntRange(0, 9));
+    EXPECT_EQ(array->Data(), data);
+    array.reset();
+    EXPECT_EQ(manager.Outstanding(), 0u);
+    EXPECT_EQ(manager.ForeignFrees(), 0);
+}
+
+TEST(QelArrayTest, ElementsWithADestructorAreAllDestroyedWithTheArray)
+{
+    int destroyed = 0;
+    auto array = QelArray<Tracked>::New(8, Tracked{&destroyed}, nullptr);
+    ASSERT_NE(array, nullptr);
+    const int beforeDelete = destroyed;
+    array.reset();
+    EXPECT_EQ(destroyed - beforeDelete, 8 + 1);  // the elements and the default element
+}
+
+}  // namespace

@@ -1,0 +1,75 @@
+#include "base/QelIsa.h"
+
+#include "support/BaseTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+constexpr QelIsa kAllIsas[] = {QelIsa::Scalar, QelIsa::Sse2, QelIsa::Avx2};
+
+TEST(QelIsaTest, SupportedIsasStartWithScalarAndRiseWithoutGaps)
+{
+    const std::vector<QelIsa> isas = QelSupportedIsas();
+    ASSERT_FALSE(isas.empty());
+    EXPECT_EQ(isas.front(), QelIsa::Scalar);
+    for (std::size_t i = 0; i < isas.size(); ++i)
+        EXPECT_EQ(isas[i], kAllIsas[i]);
+    for (QelIsa isa : kAllIsas)
+        EXPECT_EQ(QelIsaSupported(isa), std::find(isas.begin(), isas.end(), isa) != isas.end()) << QelIsaName(isa);
+}
+
+TEST(QelIsaTest, BestIsaIsTheHighestSupportedWhenNothingLimitsIt)
+{
+    EXPECT_EQ(QelBestIsa(), QelSupportedIsas().back());
+}
+
+// The kernel reports AVX2 only when the processor has it and the operating system
+// saves the YMM registers: the same conditions as ours.
+TEST(QelIsaTest, DetectionAgreesWithTheOperatingSystem)
+{
+    std::ifstream cpuinfo("/proc/cpuinfo");
+    std::string line;
+    while (std::getline(cpuinfo, line) && line.rfind("flags", 0) != 0) {
+    }
+    if (line.empty())
+        GTEST_SKIP() << "no processor flags to compare with";
+    std::istringstream flags(line.substr(line.find(':') + 1));
+    bool hasSse2 = false, hasAvx2 = false;
+    for (std::string flag; flags >> flag;) {
+        hasSse2 = hasSse2 || flag == "sse2";
+        hasAvx2 = hasAvx2 || flag == "avx2";
+    }
+    EXPECT_EQ(QelIsaSupported(QelIsa::Sse2), hasSse2);
+    EXPECT_EQ(QelIsaSupported(QelIsa::Avx2), hasAvx2);
+}
+
+// An inner limit never raises an outer one, and each restores the cap it found.
+TEST(QelIsaTest, LimitsCapTheBestIsaForTheirScopeOnly)
+{
+    const QelIsa unlimited = QelBestIsa();
+    {
+        const QelIsaLimit outer(QelIsa::Sse2);
+        const QelIsa outerCap = std::min(unlimited, QelIsa::Sse2);
+        EXPECT_EQ(QelBestIsa(), outerCap);
+        {
+            const QelIsaLimit inner(QelIsa::Avx2);
+            EXPECT_EQ(QelBestIsa(), outerCap);
+        }
+        {
+            const QelIsaLimit inner(QelIsa::Scalar);
+            EXPECT_EQ(QelBestIsa(), QelIsa::Scalar);
+            // What the processor can run is still reported, so tests reach every body.
+            EXPECT_EQ(QelSupportedIsas().back(), unlimited);
+        }
+        EXPECT_EQ(QelBestIsa(), outerCap);
+    }
+    EXPECT_EQ(QelBestIsa(), unlimited);
+}
+
+}  // namespace

@@ -1,0 +1,297 @@
+#include "image/QelMemoryRasterImage.h"
+
+#include "base/QelMemoryManager.h"
+#include "image/BugReportText.h"
+#include "image/QelRgbColorSpec.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr std::uint8_t kGuard = 0xCC;
+
+// Gives blocks until told to refuse; counts what comes back. Blocks lie 8 bytes off a
+// 16-byte boundary, so an aligned block differs from the one that must be freed.
+class SwitchableManager final : public QelMemoryManager {
+public:
+    void* Alloc(std::size_t size) noexcept override
+    {
+        if (refuse)
+            return nullptr;
+        ++outstanding;
+        auto* block = new (std::nothrow) std::uint8_t[size + 8];
+        return block ? block + 8 : nullptr;
+    }
+    void Free(void* block) noexcept override
+    {
+        --outstanding;
+        delete[] (static_cast<std::uint8_t*>(block) - 8);
+    }
+
+    bool refuse = false;
+    int outstanding = 0;
+};
+
+// An image over a caller's buffer filled with guard bytes, so that every byte a
+// method must not touch can be checked afterwards.
+struct GuardedImage {
+    GuardedImage(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel, std::int32_t pitch,
+                 std::size_t misalignment = 0)
+        : storage(misalignment + std::size_t(pitch) * height, kGuard), offset(misalignment),
+          image(QelMemoryRasterImage::New(nullptr))
+    {
+        image->SetBuffer(width, height, bytesPerPixel, pitch, storage.data() + offset, false);
+    }
+
+    std::vector<std::uint8_t> storage;
+    std::size_t offset;
+    std::unique_ptr<QelMemoryRasterImage> image;
+};
+
+std::unique_ptr<QelMemoryRasterImage> Resized(QelMemoryManager* manager, std::int32_t bytesPerPixel,
+                                              QelIntRange x, QelIntRange y)
+{
+    auto image = QelMemoryRasterImage::New(manager);
+    EXPECT_TRUE(image->Resize(bytesPerPixel, x, y));
+    return image;
+}
+
+// ---- Geometry of Resize ----
+
+TEST(QelMemoryRasterImageTest, SafetyMarginsPutTheOriginTwoPixelsAndTwoLinesIntoTheBuffer)
+{
+    constexpr std::int32_t kWidth = 5, kHeight = 3, kBpp = 2;
+    SwitchableManager manager;
+    for (QelMemoryManager* source : {static_cast<QelMemoryManager*>(&manager), static_cast<QelMemoryManager*>(nullptr)}) {
+        SCOPED_TRACE(source ? "memory manager" : "C heap");
+        auto image = QelMemoryRasterImage::New(source);
+        const QelIntRange x(0, kWidth - 1), y(0, kHeight - 1);
+        const QelIntRange safetyX(-2, kWidth + 1), safetyY(-2, kHeight + 1);
+        ASSERT_TRUE(image->Resize(kBpp, x, y, x, y, safetyX, safetyY));
+
+        EXPECT_EQ(image->Width(), kWidth);
+        EXPECT_EQ(image->BytesPerLine(), (kWidth + 4) * kBpp);
+        std::uint8_t* const buffer = image->Buffer();
+        EXPECT_EQ(image->OriginAddress(), buffer + 2 * image->BytesPerLine() + 2 * kBpp);
+        // Every safety pixel is backed by the block; a short block shows under ASan.
+        std::memset(buffer, 0, std::size_t((kWidth + 4) * kBpp) * (kHeight + 4));
+    }
+    EXPECT_EQ(manager.outstanding, 0);
+}
+
+TEST(QelMemoryRasterImageTest, UnreasonableResizeIsReportedAndChangesNothing)
+{
+    auto image = Resized(nullptr, 2, QelIntRange(0, 3), QelIntRange(0, 2));
+    std::uint8_t* const origin = image->OriginAddress();
+    const QelIntRange s(0, 3), small(1, 3), reversed(0, -1), none;
+    const struct {
+        const char* what;
+        std::int32_t bpp;
+        QelIntRange sizeX, sizeY, scratchX, scratchY, safetyX, safetyY;
+    } cases[] = {
+        {"no bytes per pixel", 0, s, s, s, s, s, s},
+        {"empty size", 2, none, s, s, s, s, s},
+        {"reversed size", 2, s, reversed, s, s, s, s},
+        {"scratch smaller than size", 2, s, s, small, s, s, s},
+        {"safety smaller than size", 2, s, s, s, s, none, small},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(BugReportText([&] {
+                      (void)image->Resize(c.bpp, c.sizeX, c.sizeY, c.scratchX, c.scratchY, c.safetyX, c.safetyY);
+                  }),
+                  "QelMemoryRasterImage::Resize: Unreasonable arguments\n");
+        EXPECT_EQ(image->Width(), 4);
+        EXPECT_EQ(image->OriginAddress(), origin);
+    }
+}
+
+TEST(QelMemoryRasterImageTest, FailedAllocationEmptiesTheImageAndFreesTheOldBlock)
+{
+    SwitchableManager manager;
+    auto image = Resized(&manager, 1, QelIntRange(0, 9), QelIntRange(0, 9));
+    EXPECT_EQ(manager.outstanding, 1);
+
+    manager.refuse = true;
+    EXPECT_FALSE(image->Resize(1, QelIntRange(0, 9), QelIntRange(0, 9)));
+    EXPECT_EQ(manager.outstanding, 0);
+    EXPECT_EQ(image->Height(), 0);
+    EXPECT_TRUE(image->ScratchXRange().IsEmpty());
+    EXPECT_EQ(image->OriginAddress(), nullptr);
+    EXPECT_FALSE(image->OwnsBuffer());
+    image->Clear(false, 0);  // an empty image has nothing to clear
+}
+
+// ---- Clear ----
+
+TEST(QelMemoryRasterImageTest, ClearCoversTheScratchMarginButNotTheSafetyMargin)
+{
+    auto image = QelMemoryRasterImage::New(nullptr);
+    // The scratch columns reach past the requested safety columns, which must grow to hold them.
+    const QelIntRange sizeX(0, 3), sizeY(0, 2), scratchX(-1, 4), scratchY(-1, 3);
+    ASSERT_TRUE(image->Resize(1, sizeX, sizeY, scratchX, scratchY, QelIntRange(-3, 3), QelIntRange(-2, 4)));
+    EXPECT_EQ(image->SafetyXRange(), QelIntRange(-3, 4));
+    EXPECT_EQ(image->BytesPerLine(), 8);
+    std::memset(image->Buffer(), kGuard, 8 * 7);
+
+    image->Clear(true, 0x1255);
+    for (std::int32_t y = -2; y <= 4; ++y) {
+        for (std::int32_t x = -3; x <= 4; ++x) {
+            const bool inScratch = scratchX.Contains(x) && scratchY.Contains(y);
+            EXPECT_EQ(*image->PixelAddress(x, y), inScratch ? 0x55 : kGuard) << "x " << x << ", y " << y;
+        }
+    }
+}
+
+TEST(QelMemoryRasterImageTest, ClearWritesEachPixelSizeAndLeavesBytesBetweenLines)
+{
+    const std::uint32_t value = 0xDEADBEEF;
+    const std::uint8_t pixel8[] = {0xEF, 0xBE, 0xAD, 0xDE, 0xEF, 0xBE, 0xAD, 0xDE};
+    // 13 pixels make rows with a head, aligned blocks and a tail; a misaligned start
+    // makes the pattern begin in the middle of a block.
+    constexpr std::int32_t kWidth = 13, kHeight = 3;
+    for (const std::int32_t bpp : {1, 2, 4, 8}) {
+        for (const std::int32_t padding : {0, 5}) {
+            for (const std::size_t misalignment : {0u, 1u, 6u}) {
+                SCOPED_TRACE(testing::Message() << bpp << " bytes, padding " << padding << ", misaligned by "
+                                                << misalignment);
+                const std::int32_t rowBytes = kWidth * bpp;
+                GuardedImage g(kWidth, kHeight, bpp, rowBytes + padding, misalignment);
+                g.image->Clear(true, value);
+                for (std::size_t i = 0; i < g.storage.size(); ++i) {
+                    const std::ptrdiff_t at = std::ptrdiff_t(i) - std::ptrdiff_t(misalignment);
+                    const std::ptrdiff_t column = at < 0 ? -1 : at % (rowBytes + padding);
+                    const bool inLine = at >= 0 && column < rowBytes;
+                    const std::uint8_t expected = inLine ? pixel8[column % bpp] : kGuard;
+                    if (g.storage[i] != expected) {
+                        ADD_FAILURE() << "byte " << i << " is " << int(g.storage[i]) << ", not " << int(expected);
+                        break;
+                    }
+                }
+            }
+        }
+    }
+}
+
+TEST(QelMemoryRasterImageTest, ClearWithAValueLeavesThreeBytePixelsAndWithoutOneZeroesThem)
+{
+    GuardedImage g(4, 2, 3, 4 * 3 + 2);
+    g.image->Clear(true, 0x00112233);
+    EXPECT_EQ(g.storage, std::vector<std::uint8_t>(g.storage.size(), kGuard));
+
+    g.image->Clear(false, 0x00112233);
+    for (std::int32_t y = 0; y < 2; ++y) {
+        for (std::int32_t i = 0; i < 14; ++i)
+            EXPECT_EQ(g.storage[std::size_t(y * 14 + i)], i < 12 ? 0 : kGuard) << "row " << y << ", byte " << i;
+    }
+}
+
+// ---- Copy ----
+
+TEST(QelMemoryRasterImageTest, CopyBetweenSizesCopiesTheCommonCornerLineByLine)
+{
+    // The source starts at (-2, -1), so the shared corner starts at (0, 0) in both.
+    auto source = Resized(nullptr, 2, QelIntRange(-2, 3), QelIntRange(-1, 6));
+    for (std::int32_t y = -1; y <= 6; ++y)
+        for (std::int32_t x = -2; x <= 3; ++x)
+            *reinterpret_cast<std::uint16_t*>(source->PixelAddress(x, y)) = std::uint16_t(100 * y + x + 300);
+
+    GuardedImage g(6, 4, 2, 6 * 2 + 3);
+    EXPECT_TRUE(g.image->Copy(*source));
+    for (std::int32_t y = 0; y < 4; ++y) {
+        for (std::int32_t x = 0; x < 6; ++x) {
+            std::uint16_t pixel;
+            std::memcpy(&pixel, g.image->PixelAddress(x, y), 2);
+            EXPECT_EQ(pixel, x <= 3 ? std::uint16_t(100 * y + x + 300) : 0xCCCC) << "x " << x << ", y " << y;
+        }
+        for (std::int32_t pad = 0; pad < 3; ++pad)
+            EXPECT_EQ(g.image->PixelAddress(6, y)[pad], kGuard) << "row " << y;
+    }
+}
+
+TEST(QelMemoryRasterImageTest, CopyOfDisjointScratchRectanglesReturnsFalseAndWritesNothing)
+{
+    auto source = Resized(nullptr, 1, QelIntRange(10, 12), QelIntRange(0, 3));
+    source->Clear(true, 7);
+    GuardedImage g(6, 4, 1, 6);
+    EXPECT_FALSE(g.image->Copy(*source));
+    EXPECT_EQ(g.storage, std::vector<std::uint8_t>(g.storage.size(), kGuard));
+}
+
+// ---- SetBuffer ----
+
+TEST(QelMemoryRasterImageTest, SetBufferOfWidthZeroStoresTheBufferAndFreesOnlyWhatTheImageOwned)
+{
+    SwitchableManager manager;
+    auto image = Resized(&manager, 1, QelIntRange(0, 3), QelIntRange(0, 3));
+    std::vector<std::uint8_t> buffer(16, kGuard);
+    image->SetBuffer(0, 2, 1, 4, buffer.data(), false);
+    EXPECT_EQ(manager.outstanding, 0);
+    EXPECT_TRUE(image->XRange().IsEmpty());
+    EXPECT_EQ(image->Height(), 2);
+    EXPECT_EQ(image->OriginAddress(), buffer.data());
+    // The caller's buffer survives the next Resize; a block given with ownership goes
+    // back to the manager with the image.
+    ASSERT_TRUE(image->Resize(1, QelIntRange(0, 1), QelIntRange(0, 1)));
+    image->SetBuffer(4, 4, 2, 8, static_cast<std::uint8_t*>(manager.Alloc(32)), true);
+    image.reset();
+    EXPECT_EQ(manager.outstanding, 0);
+}
+
+TEST(QelMemoryRasterImageTest, SetBufferReportsBadDimensionsInOrderAndChangesNothing)
+{
+    GuardedImage g(2, 2, 1, 2);
+    EXPECT_EQ(BugReportText([&] { g.image->SetBuffer(-1, -2, 2, 0, nullptr, false); }),
+              "QelMemoryRasterImage::SetBuffer()\nWidth was negative (-1)\n");
+    EXPECT_EQ(BugReportText([&] { g.image->SetBuffer(1, -2, 2, 0, nullptr, false); }),
+              "QelMemoryRasterImage::SetBuffer()\nHeight was negative (-2)\n");
+    EXPECT_EQ(BugReportText([&] { g.image->SetBuffer(4, 1, 2, 7, nullptr, false); }),
+              "QelMemoryRasterImage::SetBuffer()\nGiven a width of 4 and 2 bytes per pixel,\n"
+              "bytes per line must be at least 8. It was 7.\n");
+    EXPECT_EQ(BugReportText([&] { g.image->SetBuffer(4, 1, 2, 8, nullptr, false); }),
+              "QelMemoryRasterImage::SetBuffer()\nNULL pointer trapped (buffer)");
+    EXPECT_EQ(g.image->Width(), 2);
+    EXPECT_EQ(g.image->OriginAddress(), g.storage.data());
+}
+
+TEST(QelMemoryRasterImageTest, SetBufferWithRangesPlacesTheOriginByTheSafetyMinimum)
+{
+    std::vector<std::uint8_t> buffer(200, kGuard);
+    auto image = QelMemoryRasterImage::New(nullptr);
+    const QelIntRange s(0, 3), safety(-1, 4);
+    const char* const unreasonable = "QelMemoryRasterImage::SetBuffer: Unreasonable arguments\n";
+    // A null buffer is reported before bad ranges; safety rows must fit the pitch.
+    EXPECT_EQ(BugReportText([&] { image->SetBuffer(0, 8, s, s, s, s, s, s, nullptr, false); }),
+              "QelMemoryRasterImage::SetBuffer()\nNULL pointer trapped (buffer)");
+    EXPECT_EQ(BugReportText([&] { image->SetBuffer(2, 11, s, s, s, s, safety, s, buffer.data(), false); }),
+              unreasonable);
+    EXPECT_EQ(BugReportText([&] { image->SetBuffer(2, 8, s, s, QelIntRange(1, 3), s, s, s, buffer.data(), false); }),
+              unreasonable);
+
+    // Pitch 3 bytes above the safety row; the scratch reaches one row further down.
+    image->SetBuffer(2, 15, s, s, s, QelIntRange(0, 5), safety, safety, buffer.data(), false);
+    EXPECT_EQ(image->OriginAddress(), buffer.data() + 15 + 2);
+    EXPECT_EQ(image->SafetyYRange(), QelIntRange(-1, 5));
+    EXPECT_EQ(image->ScratchYRange(), QelIntRange(0, 5));
+}
+
+// ---- Colour spec ----
+
+TEST(QelMemoryRasterImageTest, HoldRgbColorSpecRefusesNullAndKeepsTheSpecItHolds)
+{
+    auto image = QelMemoryRasterImage::New(nullptr);
+    EXPECT_EQ(BugReportText([&] { image->HoldRgbColorSpec(nullptr); }),
+              "QelMemoryRasterImage::SetRgbColorSpec()\nNULL pointer trapped (c_spec)\n");
+    EXPECT_EQ(image->RgbColorSpec(), nullptr);
+
+    QelRgbColorSpec* held = QelRgbColorSpec::New().release();
+    image->HoldRgbColorSpec(std::unique_ptr<QelRgbColorSpec>(held));
+    image->HoldRgbColorSpec(std::unique_ptr<QelRgbColorSpec>(held));  // no double ownership
+    EXPECT_EQ(image->RgbColorSpec(), held);
+}
+
+}  // namespace

@@ -1,0 +1,223 @@
+#include "ax/rendering/MemoryRasterImage.h"
+
+#include "PrimitiveConversions.h"
+#include "ax/rendering/Initializer.h"
+#include "ax/rendering/RenderingException.h"
+#include "ax/system/Exception.h"
+#include "image/QelMemoryRasterImage.h"
+#include "image/QelRgbColorSpec.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Ax::Primitives::GrayscalePixelFormat;
+using Ax::Primitives::RGBPixelFormat;
+using Ax::Primitives::Size;
+using Ax::Rendering::MemoryRasterImage;
+using Ax::Rendering::RenderingException;
+using Ax::System::ArgumentException;
+
+constexpr std::uint8_t kGuard = 0xCC;
+
+template <class Exception, class Action>
+std::string MessageOf(Action action)
+{
+    try {
+        action();
+    } catch (const Exception& e) {
+        return e.what();
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return {};
+}
+
+const QelRgbColorSpec* SpecOf(const MemoryRasterImage& image)
+{
+    return static_cast<const QelMemoryRasterImage*>(image.UnmanagedImage())->RgbColorSpec();
+}
+
+std::uint16_t Pixel16(const MemoryRasterImage& image, std::int32_t x, std::int32_t y)
+{
+    std::uint16_t value;
+    std::memcpy(&value, image.GetPixelAddress(x, y), 2);
+    return value;
+}
+
+class MemoryRasterImageTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { Ax::Rendering::Initializer::Initialize(); }
+
+    // A 16-bit grey image whose pixel (x, y) holds 100 y + x.
+    static void FillRamp(MemoryRasterImage& image)
+    {
+        for (std::int32_t y = 0; y < image.Height(); ++y)
+            for (std::int32_t x = 0; x < image.Width(); ++x) {
+                const auto value = static_cast<std::uint16_t>(100 * y + x);
+                std::memcpy(image.GetPixelAddress(x, y), &value, 2);
+            }
+    }
+};
+
+// ---- Storage ----
+
+TEST_F(MemoryRasterImageTest, ResizeWithMarginsKeepsTheSizeAndWidensTheStride)
+{
+    MemoryRasterImage image;
+    image.Resize(GrayscalePixelFormat::Gray16(), Size(5, 3), Size(6, 4), Size(8, 3));
+    EXPECT_EQ(image.Dimensions(), Size(5, 3));
+    EXPECT_EQ(image.BytesPerPixel(), 2);
+    EXPECT_EQ(image.Stride(), 16);
+    EXPECT_EQ(image.PixelFormat(), GrayscalePixelFormat::Gray16());
+    EXPECT_EQ(image.GetPixelAddress(3, 2), image.OriginAddress() + 2 * 16 + 3 * 2);
+
+    // Clear covers the scratch rectangle, margin included; memory beyond it keeps its bytes.
+    std::memset(image.OriginAddress(), kGuard, 16 * 4);
+    image.Clear(0x12345678);
+    EXPECT_EQ(Pixel16(image, 5, 3), 0x5678);
+    EXPECT_EQ(Pixel16(image, 6, 0), 0xCCCC);
+}
+
+TEST_F(MemoryRasterImageTest, NativeRefusalsArriveAsRenderingExceptionsWithTheirText)
+{
+    MemoryRasterImage image;
+    std::string message = MessageOf<RenderingException>([&] { image.Resize(GrayscalePixelFormat::Gray8(), Size(0, 4)); });
+    EXPECT_TRUE(message.ends_with(": Assertation failed.\nQelMemoryRasterImage::Resize: Unreasonable arguments\n"))
+        << message;
+    message = MessageOf<RenderingException>(
+        [&] { image.SetBuffer(GrayscalePixelFormat::Gray8(), 4, Size(4, 4), static_cast<std::uint8_t*>(nullptr)); });
+    EXPECT_TRUE(message.ends_with("QelMemoryRasterImage::SetBuffer()\nNULL pointer trapped (buffer)")) << message;
+}
+
+// ---- Clear and copy ----
+
+TEST_F(MemoryRasterImageTest, CopyFromNeedsAnEqualFormatAndCopiesTheCommonCorner)
+{
+    MemoryRasterImage source;
+    source.Resize(GrayscalePixelFormat::Gray16(), Size(3, 5));
+    FillRamp(source);
+    MemoryRasterImage image;
+    image.Resize(GrayscalePixelFormat::SignedGray16(), Size(4, 2));
+    image.Clear(0xFFFF);
+
+    // Same pixel size, different meaning: still refused.
+    EXPECT_EQ(MessageOf<ArgumentException>([&] { image.CopyFrom(source); }), "Image has different pixel format");
+    EXPECT_EQ(Pixel16(image, 0, 0), 0xFFFF);
+
+    image.Resize(GrayscalePixelFormat::Gray16(), Size(4, 2));
+    image.Clear(0xFFFF);
+    image.CopyFrom(source);
+    EXPECT_EQ(Pixel16(image, 2, 1), 102);
+    EXPECT_EQ(Pixel16(image, 3, 1), 0xFFFF);
+}
+
+TEST_F(MemoryRasterImageTest, ConstructorFromAnotherImageCopiesFormatSizeAndPixels)
+{
+    MemoryRasterImage source;
+    source.Resize(GrayscalePixelFormat::Gray16(), Size(6, 3), Size(6, 3), Size(9, 4));
+    FillRamp(source);
+
+    MemoryRasterImage copy(source);
+    EXPECT_EQ(copy.PixelFormat(), source.PixelFormat());
+    EXPECT_EQ(copy.Dimensions(), Size(6, 3));
+    EXPECT_EQ(copy.Stride(), 12);  // margins are not copied
+    EXPECT_NE(copy.OriginAddress(), source.OriginAddress());
+    EXPECT_EQ(Pixel16(copy, 5, 2), 205);
+
+    MemoryRasterImage colour;
+    colour.Resize(RGBPixelFormat::Rgb565(), Size(2, 2));
+    const MemoryRasterImage colourCopy(static_cast<const Ax::Rendering::RasterImage&>(colour));
+    ASSERT_NE(SpecOf(colourCopy), nullptr);
+    EXPECT_EQ(SpecOf(colourCopy)->Mask(QelRgbColorSpec::Channel::Red), 0xF800u);
+}
+
+// ---- Caller's buffers ----
+
+TEST_F(MemoryRasterImageTest, SetBufferRefusesAShortSpanBeforeTouchingTheImage)
+{
+    MemoryRasterImage image;
+    image.Resize(GrayscalePixelFormat::Gray8(), Size(2, 2));
+    std::uint8_t* const origin = image.OriginAddress();
+
+    // Three rows of 10 bytes end after 2 * 10 + 8 bytes; the safety row is the longest.
+    std::vector<std::uint8_t> buffer(27);
+    EXPECT_THROW(image.SetBuffer(GrayscalePixelFormat::Gray16(), 10, Size(3, 3), Size(3, 3), Size(4, 3),
+                                 std::span<std::uint8_t>(buffer)),
+                 ArgumentException);
+    EXPECT_EQ(image.OriginAddress(), origin);
+    EXPECT_EQ(image.PixelFormat(), GrayscalePixelFormat::Gray8());
+
+    buffer.resize(28);
+    image.SetBuffer(GrayscalePixelFormat::Gray16(), 10, Size(3, 3), Size(3, 3), Size(4, 3),
+                    std::span<std::uint8_t>(buffer));
+    EXPECT_EQ(image.OriginAddress(), buffer.data());
+    EXPECT_EQ(image.Stride(), 10);
+}
+
+TEST_F(MemoryRasterImageTest, ResizeAfterSetBufferLetsGoOfTheCallersBuffer)
+{
+    std::vector<std::uint8_t> buffer(16, kGuard);
+    MemoryRasterImage image;
+    image.Resize(GrayscalePixelFormat::Gray8(), Size(4, 4));
+    image.SetBuffer(GrayscalePixelFormat::Gray8(), 4, Size(4, 4), std::span<std::uint8_t>(buffer));
+
+    image.Resize(GrayscalePixelFormat::Gray8(), Size(4, 4));
+    EXPECT_NE(image.OriginAddress(), buffer.data());
+    EXPECT_TRUE(static_cast<QelMemoryRasterImage*>(image.UnmanagedImage())->OwnsBuffer());
+    image.Clear(0x11);
+    EXPECT_EQ(buffer, std::vector<std::uint8_t>(16, kGuard));
+}
+
+// ---- Colour spec ----
+
+TEST_F(MemoryRasterImageTest, RgbFormatsGiveTheImageAColourSpecByTheirWidth)
+{
+    std::uint8_t buffer[64] = {};
+    MemoryRasterImage image;
+    const struct {
+        std::int32_t bytes;
+        QelRgbColorSpec::Access access;
+    } widths[] = {{2, QelRgbColorSpec::Access::Word16},
+                  {3, QelRgbColorSpec::Access::ByteSequence},
+                  {4, QelRgbColorSpec::Access::Word32}};
+    for (const auto& w : widths) {
+        SCOPED_TRACE(w.bytes);
+        image.SetBuffer(RGBPixelFormat(w.bytes, 0xF00, 0x0F0, 0x00F, 0xF000), 16, Size(2, 2), buffer);
+        ASSERT_NE(SpecOf(image), nullptr);
+        EXPECT_EQ(SpecOf(image)->GetAccess(), w.access);
+        EXPECT_EQ(SpecOf(image)->ByteCount(), w.bytes);
+        EXPECT_EQ(SpecOf(image)->Mask(QelRgbColorSpec::Channel::Alpha), 0xF000u);
+    }
+    // A grey format keeps the spec the image holds.
+    image.Resize(GrayscalePixelFormat::Gray16(), Size(2, 2));
+    ASSERT_NE(SpecOf(image), nullptr);
+    EXPECT_EQ(SpecOf(image)->ByteCount(), 4);
+
+    EXPECT_EQ(MessageOf<ArgumentException>([] {
+                  (void)Ax::Rendering::PrimitiveConversions::RGBPixelFormatToQelRgbColorSpec(
+                      RGBPixelFormat(1, 0xE0, 0x1C, 0x03, 0));
+              }),
+              "Invalid bytes per pixel: 1");
+}
+
+// ---- Wrapping native images ----
+
+TEST_F(MemoryRasterImageTest, WrappedImageIsDeletedOnlyWhenOwned)
+{
+    std::unique_ptr<QelMemoryRasterImage> native = QelMemoryRasterImage::New(nullptr);
+    ASSERT_TRUE(native->Resize(1, QelIntRange(0, 2), QelIntRange(0, 2)));
+    {
+        const MemoryRasterImage wrapper(native.get(), GrayscalePixelFormat::Gray8(), false);
+        EXPECT_EQ(wrapper.Dimensions(), Size(3, 3));
+        EXPECT_EQ(wrapper.UnmanagedImage(), native.get());
+    }
+    native->Clear(true, 1);  // still alive; a deleted image shows under ASan
+    { const MemoryRasterImage owner(native.release(), GrayscalePixelFormat::Gray8(), true); }
+}
+
+}  // namespace
