@@ -71,20 +71,33 @@ bool QelMemoryRasterImage::Resize(std::int32_t bytesPerPixel, const QelIntRange&
         return false;
     }
 
-    m_buffer = static_cast<std::uint8_t*>(block);
-    m_allocationHandle = handle;
-    m_ownsBuffer = true;
+    Adopt(static_cast<std::uint8_t*>(block), handle, true, bytesPerPixel, static_cast<std::int32_t>(lineBytes),
+          sizeX, sizeY, scratchX, scratchY, unionX, unionY);
+    return true;
+}
+
+void QelMemoryRasterImage::Adopt(std::uint8_t* buffer, void* allocationHandle, bool owns, std::int32_t bytesPerPixel,
+                                 std::int32_t bytesPerLine, const QelIntRange& sizeX, const QelIntRange& sizeY,
+                                 const QelIntRange& scratchX, const QelIntRange& scratchY, const QelIntRange& unionX,
+                                 const QelIntRange& unionY) noexcept
+{
+    m_buffer = buffer;
+    m_allocationHandle = allocationHandle;
+    m_ownsBuffer = owns;
     m_bytesPerPixel = bytesPerPixel;
-    m_bytesPerLine = static_cast<std::int32_t>(lineBytes);
+    m_bytesPerLine = bytesPerLine;
     m_xRange = sizeX;
     m_yRange = sizeY;
     m_scratchXRange = scratchX;
     m_scratchYRange = scratchY;
     m_safetyXRange = unionX;
     m_safetyYRange = unionY;
-    m_origin = OffsetAddress(m_buffer, -(std::ptrdiff_t{unionY.Min} * m_bytesPerLine) -
-                                           std::ptrdiff_t{unionX.Min} * bytesPerPixel);
-    return true;
+    // The buffer starts at the union's corner, which may lie left of or above pixel (0, 0);
+    // a caller's empty image has no corner and keeps its buffer as the origin.
+    m_origin = unionX.IsEmpty() || unionY.IsEmpty()
+                   ? buffer
+                   : OffsetAddress(buffer, -(std::ptrdiff_t{unionY.Min} * bytesPerLine) -
+                                               std::ptrdiff_t{unionX.Min} * bytesPerPixel);
 }
 
 bool QelMemoryRasterImage::Resize(std::int32_t bytesPerPixel, const QelIntRange& sizeX, const QelIntRange& sizeY)
@@ -119,14 +132,7 @@ void QelMemoryRasterImage::SetBuffer(std::int32_t width, std::int32_t height, st
     const QelIntRange x = width == 0 ? QelIntRange::Empty() : QelIntRange(0, width - 1);
     const QelIntRange y = height == 0 ? QelIntRange::Empty() : QelIntRange(0, height - 1);
     FreeOwnedBuffer();
-    m_xRange = m_scratchXRange = m_safetyXRange = x;
-    m_yRange = m_scratchYRange = m_safetyYRange = y;
-    m_buffer = buffer;
-    m_allocationHandle = buffer;
-    m_ownsBuffer = takeOwnership;
-    m_bytesPerPixel = bytesPerPixel;
-    m_bytesPerLine = bytesPerLine;
-    m_origin = buffer;
+    Adopt(buffer, buffer, takeOwnership, bytesPerPixel, bytesPerLine, x, y, x, y, x, y);
 }
 
 void QelMemoryRasterImage::SetBuffer(std::int32_t bytesPerPixel, std::int32_t bytesPerLine, const QelIntRange& sizeX,
@@ -145,21 +151,8 @@ void QelMemoryRasterImage::SetBuffer(std::int32_t bytesPerPixel, std::int32_t by
     }
 
     FreeOwnedBuffer();
-    m_buffer = buffer;
-    m_allocationHandle = buffer;
-    m_ownsBuffer = takeOwnership;
-    const QelIntRange unionX = scratchX.Or(safetyX);
-    const QelIntRange unionY = scratchY.Or(safetyY);
-    m_bytesPerPixel = bytesPerPixel;
-    m_bytesPerLine = bytesPerLine;
-    m_xRange = sizeX;
-    m_yRange = sizeY;
-    m_scratchXRange = scratchX;
-    m_scratchYRange = scratchY;
-    m_safetyXRange = unionX;
-    m_safetyYRange = unionY;
-    m_origin = OffsetAddress(buffer, -(std::ptrdiff_t{unionY.Min} * bytesPerLine) -
-                                         std::ptrdiff_t{unionX.Min} * bytesPerPixel);
+    Adopt(buffer, buffer, takeOwnership, bytesPerPixel, bytesPerLine, sizeX, sizeY, scratchX, scratchY,
+          scratchX.Or(safetyX), scratchY.Or(safetyY));
 }
 
 void QelMemoryRasterImage::HoldRgbColorSpec(std::unique_ptr<QelRgbColorSpec> spec)

@@ -61,6 +61,10 @@ private:
                                             const QelIntRange& scratchY, const QelIntRange& safetyX,
                                             const QelIntRange& safetyY) noexcept;
     void FreeOwnedBuffer() noexcept;
+    void Adopt(std::uint8_t* buffer, void* allocationHandle, bool owns, std::int32_t bytesPerPixel,
+               std::int32_t bytesPerLine, const QelIntRange& sizeX, const QelIntRange& sizeY,
+               const QelIntRange& scratchX, const QelIntRange& scratchY, const QelIntRange& unionX,
+               const QelIntRange& unionY) noexcept;
     void MakeEmpty() noexcept;
 
     std::uint8_t* m_buffer = nullptr;  // the pixel at (safety x min, safety y min)

@@ -2,6 +2,8 @@
 
 #include "base/imp/QelThrowBugHandler.h"
 
+#include "support/MessageOf.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -42,18 +44,6 @@ private:
     std::vector<std::string>& m_calls;
     bool m_armed = false;
 };
-
-template <class Exception, class Action>
-std::string MessageOf(Action action)
-{
-    try {
-        action();
-    } catch (const Exception& e) {
-        return e.what();
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return {};
-}
 
 TEST_F(QelDebugTest, FirstUseInstallsAnArmedThrowingHandler)
 {

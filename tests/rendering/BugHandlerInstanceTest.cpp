@@ -3,6 +3,8 @@
 #include "ax/rendering/Initializer.h"
 #include "ax/rendering/RenderingException.h"
 
+#include "support/MessageOf.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -12,18 +14,6 @@ namespace {
 using Ax::Rendering::BugHandlerInstance;
 using Ax::Rendering::RenderingException;
 
-template <class Action>
-std::string RaisedText(Action action)
-{
-    try {
-        action();
-    } catch (const RenderingException& e) {
-        return e.Message();
-    }
-    ADD_FAILURE() << "no RenderingException";
-    return {};
-}
-
 TEST(BugHandlerInstanceTest, AMessageEndsInARenderingExceptionWithItsText)
 {
     BugHandlerInstance handler;
@@ -31,30 +21,30 @@ TEST(BugHandlerInstanceTest, AMessageEndsInARenderingExceptionWithItsText)
     handler.Assert("src/x.cpp", 5);
     EXPECT_EQ(handler.Printf("Given: %d.\n", 3), 11);  // ten characters and the terminator
     EXPECT_TRUE(handler.MessageOpen());
-    EXPECT_EQ(RaisedText([&] { handler.Flush(); }), "src/x.cpp: 5: Assertation failed.\nGiven: 3.\n");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Flush(); }), "src/x.cpp: 5: Assertation failed.\nGiven: 3.\n");
     EXPECT_FALSE(handler.MessageOpen());
 
     handler.Error("e.cpp", 1);
-    EXPECT_EQ(RaisedText([&] { handler.Flush(); }), "e.cpp: 1: Runtime error.\n");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Flush(); }), "e.cpp: 1: Runtime error.\n");
     handler.Trace("t.cpp", 2);
-    EXPECT_EQ(RaisedText([&] { handler.Flush(); }), "t.cpp: 2: Trace information.\n");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Flush(); }), "t.cpp: 2: Trace information.\n");
 }
 
 TEST(BugHandlerInstanceTest, MisuseRaisesTheUnexpectedCallTexts)
 {
     BugHandlerInstance handler;
-    EXPECT_EQ(RaisedText([&] { handler.Trace("f", 1); }), "Unexpected call to Trace");
-    EXPECT_EQ(RaisedText([&] { handler.Assert("f", 1); }), "Unexpected call to Assert");
-    EXPECT_EQ(RaisedText([&] { handler.Error("f", 1); }), "Unexpected call to Error");
-    EXPECT_EQ(RaisedText([&] { handler.Printf("x"); }), "Unexpected call to Printf");
-    EXPECT_EQ(RaisedText([&] { handler.Flush(); }), "Unexpected call to Flush");
-    EXPECT_EQ(RaisedText([&] { handler.Disarm(); }), "Unexpected call to Disarm");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Trace("f", 1); }), "Unexpected call to Trace");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Assert("f", 1); }), "Unexpected call to Assert");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Error("f", 1); }), "Unexpected call to Error");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Printf("x"); }), "Unexpected call to Printf");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Flush(); }), "Unexpected call to Flush");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Disarm(); }), "Unexpected call to Disarm");
     handler.Arm();
-    EXPECT_EQ(RaisedText([&] { handler.Arm(); }), "Unexpected call to Arm");
-    EXPECT_EQ(RaisedText([&] { handler.Printf("x"); }), "Unexpected call to Printf");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Arm(); }), "Unexpected call to Arm");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Printf("x"); }), "Unexpected call to Printf");
     handler.Trace("f", 1);
-    EXPECT_EQ(RaisedText([&] { handler.Disarm(); }), "Unexpected call to Disarm");
-    EXPECT_EQ(RaisedText([&] { handler.Trace("f", 1); }), "Unexpected call to Trace");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Disarm(); }), "Unexpected call to Disarm");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Trace("f", 1); }), "Unexpected call to Trace");
 }
 
 TEST(BugHandlerInstanceTest, TheBufferHoldsExactly4096BytesWithTheTerminator)
@@ -68,12 +58,12 @@ TEST(BugHandlerInstanceTest, TheBufferHoldsExactly4096BytesWithTheTerminator)
     EXPECT_EQ(handler.Length(), BugHandlerInstance::kBufferSize - 1);
     EXPECT_EQ(handler.Printf("%s", ""), 1);
 
-    EXPECT_EQ(RaisedText([&] { handler.Printf("y"); }), "Insufficient space in the message buffer!");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Printf("y"); }), "Insufficient space in the message buffer!");
     EXPECT_EQ(handler.Length(), BugHandlerInstance::kBufferSize - 1);
     // The overflow left the message open: the next one can't start.
     EXPECT_TRUE(handler.MessageOpen());
-    EXPECT_EQ(RaisedText([&] { handler.Assert("f", 2); }), "Unexpected call to Assert");
-    const std::string text = RaisedText([&] { handler.Flush(); });
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Assert("f", 2); }), "Unexpected call to Assert");
+    const std::string text = MessageOf<RenderingException>([&] { handler.Flush(); });
     EXPECT_EQ(text.size(), static_cast<std::size_t>(BugHandlerInstance::kBufferSize - 1));
 }
 
@@ -83,9 +73,9 @@ TEST(BugHandlerInstanceTest, ANewMessageForgetsTheOldText)
     handler.Arm();
     handler.Error("long.cpp", 100);
     handler.Printf("%s", std::string(500, 'z').c_str());
-    EXPECT_EQ(RaisedText([&] { handler.Flush(); }).size(), 30u + 500u);
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Flush(); }).size(), 30u + 500u);
     handler.Trace("f", 1);
-    EXPECT_EQ(RaisedText([&] { handler.Flush(); }), "f: 1: Trace information.\n");
+    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Flush(); }), "f: 1: Trace information.\n");
 }
 
 TEST(BugHandlerInstanceTest, ExitEndsTheProcessWithStatusOne)
@@ -99,7 +89,7 @@ TEST(BugHandlerInstanceTest, NativeReportsReachTheHostAsRenderingExceptions)
 {
     Ax::Rendering::Initializer::Initialize();
     const int line = __LINE__ + 1;
-    const std::string text = RaisedText([] { QEL_ASSERT(false, "QelSize2::QelSize2: Negative size"); });
+    const std::string text = MessageOf<RenderingException>([] { QEL_ASSERT(false, "QelSize2::QelSize2: Negative size"); });
     EXPECT_EQ(text, "tests/rendering/BugHandlerInstanceTest.cpp: " + std::to_string(line) +
                         ": Assertation failed.\nQelSize2::QelSize2: Negative size");
     EXPECT_NE(dynamic_cast<BugHandlerInstance*>(QelDebug::BugHandler()), nullptr);

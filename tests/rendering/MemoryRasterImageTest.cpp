@@ -7,6 +7,8 @@
 #include "image/QelMemoryRasterImage.h"
 #include "image/QelRgbColorSpec.h"
 
+#include "support/MessageOf.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -24,18 +26,6 @@ using Ax::Rendering::RenderingException;
 using Ax::System::ArgumentException;
 
 constexpr std::uint8_t kGuard = 0xCC;
-
-template <class Exception, class Action>
-std::string MessageOf(Action action)
-{
-    try {
-        action();
-    } catch (const Exception& e) {
-        return e.what();
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return {};
-}
 
 const QelRgbColorSpec* SpecOf(const MemoryRasterImage& image)
 {

@@ -8,6 +8,8 @@
 #include "base/QelMemoryManager.h"
 #include "base/imp/QelThrowBugHandler.h"
 
+#include "support/MessageOf.h"
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -15,18 +17,6 @@ namespace {
 using Ax::Rendering::Initializer;
 using Ax::Rendering::MemoryManager;
 using Ax::System::InvalidOperationException;
-
-template <class Exception, class Action>
-std::string MessageOf(Action action)
-{
-    try {
-        action();
-    } catch (const Exception& e) {
-        return e.what();
-    }
-    ADD_FAILURE() << "nothing was thrown";
-    return {};
-}
 
 // Start-up state is process-wide, so the whole life cycle is one test in a binary of its own.
 TEST(StartUp, InitializeMakesTheManagerThenInstallsTheHostHandlerOnce)
