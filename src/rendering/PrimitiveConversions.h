@@ -1,7 +1,12 @@
 #pragma once
 
+#include "ax/primitives/Bounds3.h"
 #include "ax/primitives/PixelFormat.h"
+#include "ax/primitives/Vector3.h"
+#include "ax/rendering/ProjectionMode.h"
 #include "base/QelIntRange.h"
+#include "base/QelVector.h"
+#include "graphics/QelRenderEnums.h"
 
 #include <memory>
 
@@ -26,6 +31,24 @@ public:
     {
         return {0, length - 1};
     }
+
+    /// Each component narrowed to float.
+    [[nodiscard]] static QelVector3 Vector3(const Ax::Primitives::Vector3& vector) noexcept;
+
+    /// The voxels a host box touches: [floor(Left), ceil(Right) - 1] in x, likewise
+    /// Top to Bottom in y and Front to Back in z, so that integer edges 0 and 128 give
+    /// 0..127. A bound beyond the 32-bit range, an infinite one included, becomes the
+    /// infinite bound on its side; a NaN edge becomes the lowest bound.
+    [[nodiscard]] static QelIntBBox3 Bounds3(const Ax::Primitives::Bounds3& bounds) noexcept;
+
+    /// The same numbering. Throws ArgumentException "Unknown projection mode" for
+    /// parameter "projection_mode" for a value outside the enumeration.
+    [[nodiscard]] static QelIPRenderMode ProjectionModeToQelIPRenderMode(ProjectionMode projection_mode);
+
+    /// The same numbering. Throws ArgumentOutOfRangeException "Unsupported projection
+    /// mode: <name>" for parameter "slabMode" for a value outside the enumeration,
+    /// which has no name but its number. The reformat renderer's conversion.
+    [[nodiscard]] static QelSlabMode::QelSlabModeEnum ToQelSlabEnum(ProjectionMode slabMode);
 };
 
 }  // namespace Ax::Rendering
