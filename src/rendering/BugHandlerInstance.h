@@ -17,7 +17,9 @@ void ManagedBreakInDebuggerOrExit();
 /// always throws RenderingException, so a trace stops the operation as surely as an
 /// assertion. Misuse (a message opened twice, text with no message open, a message
 /// over 4096 bytes with its terminator) throws RenderingException at once.
-/// One buffer and no lock: a report from a pool thread is caught by its loop's guard.
+/// One buffer and no lock: two threads reporting at the same moment would mix their
+/// texts. Workers report only broken invariants, and a loop manager hands the first
+/// report of its threads to its caller.
 class BugHandlerInstance final : public QelBugHandler {
 public:
     static constexpr std::int32_t kBufferSize = 4096;

@@ -4,12 +4,13 @@
 
 #include <cstdint>
 #include <exception>
-#include <mutex>
 #include <string>
 #include <vector>
 
 /// The default handler: it throws a native exception from Flush, with the message
-/// as its text. Messages longer than the buffer are cut without an error.
+/// as its text. Messages longer than the buffer are cut without an error. Each
+/// thread writes its report into a buffer of its own, so workers of a parallel loop
+/// that report at the same moment don't mix their texts.
 class QelThrowBugHandler final : public QelBugHandler {
 public:
     /// A native exception that records the stack where it was made.
@@ -51,12 +52,7 @@ public:
     void Exit() override {}
 
 private:
-    void Open(const char* heading, const char* file, int line, e_exception_type kind);
-    void Append(const char* text, std::size_t length) noexcept;
+    static void Open(const char* heading, const char* file, int line, e_exception_type kind);
 
     bool m_armed = false;
-    std::mutex m_lock;  // held while Assert and Error write the heading
-    char m_message[kCapacity] = {};
-    std::uint32_t m_length = 0;
-    e_exception_type m_kind = e_exception_type::Trace;
 };

@@ -1,0 +1,91 @@
+#include "threaded/QelSystemInfo.h"
+
+#include "threaded/imp/QelCpuTopology.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+int ThreadsFor(std::uint32_t logical, std::uint32_t cores, std::int32_t cacheKB)
+{
+    QelSystemInfo::Facts facts;
+    facts.LogicalCount = logical;
+    facts.CoreCount = cores;
+    facts.CacheSizeKB = cacheKB;
+    return QelSystemInfo(facts).RenderThreadCount();
+}
+
+TEST(QelSystemInfoTest, HyperThreadsCountOnlyWithALargeCache)
+{
+    EXPECT_EQ(ThreadsFor(8, 4, 8192), 8);
+    EXPECT_EQ(ThreadsFor(8, 4, 512), 8);
+    EXPECT_EQ(ThreadsFor(8, 4, 256), 4);
+    EXPECT_EQ(ThreadsFor(4, 4, 0), 4);
+    // Other vendors keep no cache size, so hyper-threading falls back to the cores.
+    EXPECT_EQ(ThreadsFor(16, 8, 0), 8);
+    {
+        const QelRenderThreadCountPin outer(3);
+        const QelRenderThreadCountPin inner(1);
+        EXPECT_EQ(QelSystemInfo::Instance().RenderThreadCount(), 1);
+    }
+    EXPECT_EQ(ThreadsFor(8, 4, 8192), 8);
+}
+
+// A made-up kernel tree, laid out as the kernel does.
+class FakeCpuTree : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char pattern[] = "/tmp/axcpusXXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        m_root = pattern;
+    }
+    void TearDown() override { fs::remove_all(m_root); }
+    void Write(const std::string& relative, const std::string& text)
+    {
+        fs::create_directories((m_root / relative).parent_path());
+        std::ofstream(m_root / relative) << text << "\n";
+    }
+
+    fs::path m_root;
+};
+
+TEST_F(FakeCpuTree, CoresAreDistinctPackageAndCorePairs)
+{
+    const int packageCore[][2] = {{0, 0}, {0, 0}, {1, 0}};  // core numbers repeat in each package
+    for (int cpu = 0; cpu < 3; ++cpu) {
+        Write("cpu" + std::to_string(cpu) + "/topology/physical_package_id", std::to_string(packageCore[cpu][0]));
+        Write("cpu" + std::to_string(cpu) + "/topology/core_id", std::to_string(packageCore[cpu][1]));
+    }
+    const QelProcessorCounts twoOfOneCore = QelCountProcessors(m_root, {0, 1});
+    EXPECT_EQ(twoOfOneCore.Logical, 2u);
+    EXPECT_EQ(twoOfOneCore.Cores, 1u);
+    EXPECT_EQ(twoOfOneCore.Packages, 1u);
+    // Processor 3 has no files: a core of its own in an unknown package.
+    const QelProcessorCounts all = QelCountProcessors(m_root, {0, 1, 2, 3});
+    EXPECT_EQ(all.Logical, 4u);
+    EXPECT_EQ(all.Cores, 3u);
+    EXPECT_EQ(all.Packages, 3u);
+}
+
+TEST_F(FakeCpuTree, TheLastLevelIsTheHighestDataOrUnifiedCache)
+{
+    EXPECT_EQ(QelLastLevelCacheKB(m_root), 0);
+    const char* caches[][3] = {{"1", "Data", "48K"}, {"3", "Unified", "30M"}, {"2", "Unified", "2048K"},
+                               {"4", "Instruction", "64M"}};
+    for (int index = 0; index < 4; ++index) {
+        const std::string folder = "cpu0/cache/index" + std::to_string(index) + "/";
+        Write(folder + "level", caches[index][0]);
+        Write(folder + "type", caches[index][1]);
+        Write(folder + "size", caches[index][2]);
+    }
+    EXPECT_EQ(QelLastLevelCacheKB(m_root), 30 * 1024);
+}
+
+}  // namespace
