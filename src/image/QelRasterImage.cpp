@@ -6,6 +6,8 @@
 
 #include <cstring>
 
+QelRasterImage::QelRasterImage() = default;
+
 QelRasterImage::~QelRasterImage() = default;
 
 bool QelRasterImage::Copy(const QelRasterImage& source) noexcept

@@ -62,7 +62,7 @@ public:
     void Clear(bool hasValue, std::uint32_t value) noexcept;
 
 protected:
-    QelRasterImage() = default;
+    QelRasterImage();
 
     // Integer arithmetic: the origin may lie outside the buffer (or be null), where
     // pointer arithmetic would not be defined.

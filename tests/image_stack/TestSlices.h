@@ -1,0 +1,42 @@
+#pragma once
+
+#include "image/QelRasterImage.h"
+#include "image/QelRgbColorSpec.h"  // the inline base constructor needs it whole
+
+#include <cstdint>
+#include <vector>
+
+// A slice over a buffer of its own, with whatever pitch a test asks for, that counts
+// its deletions: the stack deletes the slices it owns, and only those.
+class TestSlice final : public QelRasterImage {
+public:
+    TestSlice(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel = 2, std::int32_t bytesPerLine = 0,
+              int* deletions = nullptr)
+        : m_deletions(deletions)
+    {
+        m_bytesPerPixel = bytesPerPixel;
+        m_bytesPerLine = bytesPerLine > 0 ? bytesPerLine : width * bytesPerPixel;
+        m_pixels.assign(static_cast<std::size_t>(m_bytesPerLine) * static_cast<std::size_t>(height), 0);
+        m_xRange = m_scratchXRange = m_safetyXRange = QelIntRange(0, width - 1);
+        m_yRange = m_scratchYRange = m_safetyYRange = QelIntRange(0, height - 1);
+        m_origin = m_pixels.data();
+    }
+    ~TestSlice() override
+    {
+        if (m_deletions)
+            ++*m_deletions;
+    }
+
+    bool Resize(std::int32_t, const QelIntRange&, const QelIntRange&, const QelIntRange&, const QelIntRange&,
+                const QelIntRange&, const QelIntRange&) override
+    {
+        return false;
+    }
+
+    // Points the slice somewhere else, such as at memory that can't be read.
+    void SetOrigin(std::uint8_t* origin) noexcept { m_origin = origin; }
+
+private:
+    std::vector<std::uint8_t> m_pixels;
+    int* m_deletions;
+};

@@ -1,0 +1,255 @@
+#include "ax/rendering/ImageStack.h"
+
+#include "ax/rendering/Initializer.h"
+#include "ax/rendering/MemoryRasterImage.h"
+#include "ax/system/Exception.h"
+#include "image/QelMemoryRasterImage.h"
+#include "image/QelRgbColorSpec.h"
+#include "image_stack/QelImageStack.h"
+
+#include "support/MessageOf.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace {
+
+using Ax::Primitives::Bounds3;
+using Ax::Primitives::GrayscalePixelFormat;
+using Ax::Primitives::Size;
+using Ax::Primitives::Vector3;
+using Ax::Rendering::ImageStack;
+using Ax::Rendering::ImageStackRecord;
+using Ax::Rendering::MemoryRasterImage;
+using Ax::Rendering::RasterImage;
+
+std::shared_ptr<RasterImage> Image(Size size = {4, 3},
+                                   const Ax::Primitives::PixelFormat& format = GrayscalePixelFormat::Gray16())
+{
+    auto image = std::make_shared<MemoryRasterImage>();
+    image->Resize(format, size);
+    return image;
+}
+
+std::vector<double> ZOf(const ImageStack& stack)
+{
+    std::vector<double> z;
+    for (const ImageStackRecord& record : stack)
+        z.push_back(record.ZCoord());
+    return z;
+}
+
+class ImageStackTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { Ax::Rendering::Initializer::Initialize(); }
+
+    // Images at the given z, kept in insertion order.
+    std::vector<std::shared_ptr<RasterImage>> Fill(std::initializer_list<double> zValues)
+    {
+        std::vector<std::shared_ptr<RasterImage>> images;
+        for (double z : zValues) {
+            images.push_back(Image());
+            EXPECT_TRUE(m_stack.InsertImage(images.back(), z)) << z;
+        }
+        return images;
+    }
+
+    ImageStack m_stack;
+};
+
+TEST_F(ImageStackTest, AnEmptyStackHasNoFormatAndNoPadding)
+{
+    EXPECT_EQ(m_stack.NumberOfImages(), 0);
+    EXPECT_EQ(m_stack.begin(), m_stack.end());
+    EXPECT_FALSE(m_stack.PixelFormat().has_value());
+    EXPECT_FALSE(m_stack.HasPadding());
+    EXPECT_EQ(MessageOf<Ax::System::InvalidOperationException>([&] { (void)m_stack.PaddingValue(); }),
+              "Padding has not been set");
+    m_stack.SetPaddingValue(-3000);
+    EXPECT_EQ(m_stack.PaddingValue(), -3000);
+    EXPECT_FALSE(m_stack.GetImageAtZPosition(0.0, 100.0).has_value());
+}
+
+TEST_F(ImageStackTest, TheRecordsFollowTheNativeOrderAndGiveBackTheCallersImages)
+{
+    const auto images = Fill({2.0, 0.0, 1.0});
+    EXPECT_EQ(ZOf(m_stack), (std::vector<double>{0.0, 1.0, 2.0}));
+    EXPECT_EQ(m_stack[0].Image(), images[1]);
+    EXPECT_EQ(m_stack[1].Image(), images[2]);
+    EXPECT_EQ(m_stack[2].Image(), images[0]);
+    const QelImageRecord* native = m_stack.UnmanagedImageStack()->Records();
+    for (std::int32_t i = 0; i < 3; ++i)
+        EXPECT_EQ(native[i].Image, m_stack[i].Image()->UnmanagedImage()) << i;
+    EXPECT_EQ(m_stack.PixelFormat(), std::optional<Ax::Primitives::PixelFormat>(GrayscalePixelFormat::Gray16()));
+    EXPECT_EQ(MessageOf<Ax::System::ArgumentOutOfRangeException>([&] { (void)m_stack[3]; }),
+              "Index was out of range. Must be non-negative and less than the size of the collection.");
+}
+
+TEST_F(ImageStackTest, RefusedImagesLeaveTheListAsItWas)
+{
+    const double z = 0.1;
+    Fill({z});
+    // The list keeps the caller's double, the native stack the float; a double that
+    // narrows to the same float is the same slice.
+    EXPECT_EQ(m_stack[0].ZCoord(), z);
+    EXPECT_FALSE(m_stack.InsertImage(Image(), static_cast<double>(static_cast<float>(z))));
+    EXPECT_FALSE(m_stack.InsertImage(Image({5, 3}), 1.0));
+    EXPECT_FALSE(m_stack.InsertImage(Image({4, 3}, GrayscalePixelFormat::SignedGray16()), 1.0));
+    EXPECT_FALSE(m_stack.InsertImage(Image(), 1000000.5));
+    EXPECT_FALSE(m_stack.ReplaceImage(Image(), 2.0));
+    EXPECT_EQ(ZOf(m_stack), (std::vector<double>{z}));
+
+    const auto thrown = [&](auto call) {
+        try {
+            call();
+        } catch (const Ax::System::ArgumentNullException& e) {
+            return e.ParamName();
+        }
+        return std::string("nothing thrown");
+    };
+    EXPECT_EQ(thrown([&] { m_stack.InsertImage(nullptr, 1.0); }), "image");
+    EXPECT_EQ(thrown([&] { m_stack.ReplaceImage(nullptr, 0.0); }), "image");
+}
+
+TEST_F(ImageStackTest, TheStackKeepsItsImagesAliveUntilTheyLeave)
+{
+    std::weak_ptr<RasterImage> watched;
+    {
+        auto image = Image();
+        watched = image;
+        ASSERT_TRUE(m_stack.InsertImage(image, 3.0));
+    }
+    EXPECT_FALSE(watched.expired());
+    ASSERT_TRUE(m_stack.ReplaceImage(Image(), 3.0));
+    EXPECT_TRUE(watched.expired());
+
+    auto kept = Image();
+    ASSERT_TRUE(m_stack.InsertImage(kept, 4.0));
+    EXPECT_TRUE(m_stack.RemoveImage(4.0));
+    EXPECT_EQ(kept.use_count(), 1);
+    EXPECT_FALSE(m_stack.RemoveImage(4.0));
+    EXPECT_FALSE(m_stack.RemoveImage(std::int32_t{5}));
+}
+
+TEST_F(ImageStackTest, RemovingTheLastImageResetsTheStack)
+{
+    Fill({2.0, 3.0});
+    ASSERT_TRUE(m_stack.RemoveImage(std::int32_t{0}));
+    EXPECT_EQ(ZOf(m_stack), (std::vector<double>{3.0}));
+    ASSERT_TRUE(m_stack.RemoveImage(std::int32_t{0}));
+    EXPECT_EQ(m_stack.NumberOfImages(), 0);
+    EXPECT_EQ(m_stack.MaximumPoint().Z, 0.0);
+    EXPECT_TRUE(m_stack.UnmanagedImageStack()->Verify(nullptr, 0));
+    // A new first image may have another size.
+    EXPECT_TRUE(m_stack.InsertImage(Image({8, 8}), 0.0));
+}
+
+TEST_F(ImageStackTest, PointsAndBoundsDescribeTheVoxels)
+{
+    Fill({-0.5, 1.0, 2.7});
+    EXPECT_EQ(m_stack.MinimumPoint(), Vector3(0.0, 0.0, -0.5));
+    // The last voxel, where the native point has sizes.
+    EXPECT_EQ(m_stack.MaximumPoint(), Vector3(3.0, 2.0, static_cast<double>(2.7f)));
+    EXPECT_EQ(m_stack.ImageDimensions(), Size(4, 3));
+    EXPECT_EQ(m_stack.BytesPerPixel(), 2);
+    // z -0.5 truncates to 0: the box is slices 0 to 2, three deep.
+    EXPECT_EQ(m_stack.Bounds(), Bounds3(0.0, 0.0, 0.0, 4.0, 3.0, 3.0));
+}
+
+TEST_F(ImageStackTest, GetImageAtZPositionTakesTheNearerNeighbourWithinTheTolerance)
+{
+    const auto images = Fill({0.0, 1.0, 3.0});
+    EXPECT_EQ(m_stack.GetImageAtZPosition(1.0, 0.0)->Image(), images[1]);
+    EXPECT_FALSE(m_stack.GetImageAtZPosition(1.001, 0.0).has_value());
+    EXPECT_EQ(m_stack.GetImageAtZPosition(1.3, 0.5)->Image(), images[1]);
+    EXPECT_EQ(m_stack.GetImageAtZPosition(2.7, 0.5)->Image(), images[2]);
+    EXPECT_FALSE(m_stack.GetImageAtZPosition(2.0, 0.9).has_value());
+    // Halfway, the lower one.
+    EXPECT_EQ(m_stack.GetImageAtZPosition(2.0, 1.0)->Image(), images[1]);
+    // Outside the stack the one neighbour there is counts.
+    EXPECT_EQ(m_stack.GetImageAtZPosition(-0.25, 0.25)->Image(), images[0]);
+    EXPECT_EQ(m_stack.GetImageAtZPosition(3.5, 0.5)->Image(), images[2]);
+    EXPECT_FALSE(m_stack.GetImageAtZPosition(3.5, 0.4).has_value());
+}
+
+TEST_F(ImageStackTest, GetImagesAroundZPositionLeavesAMissingSideEmpty)
+{
+    const auto images = Fill({0.0, 1.0});
+    std::optional<ImageStackRecord> lower, higher;
+    m_stack.GetImagesAroundZPosition(0.5, lower, higher);
+    EXPECT_EQ(lower->Image(), images[0]);
+    EXPECT_EQ(higher->Image(), images[1]);
+    m_stack.GetImagesAroundZPosition(-1.0, lower, higher);
+    EXPECT_FALSE(lower.has_value());
+    EXPECT_EQ(higher->Image(), images[0]);
+    m_stack.GetImagesAroundZPosition(1.0, lower, higher);
+    EXPECT_EQ(lower->Image(), images[1]);
+    EXPECT_FALSE(higher.has_value());
+}
+
+TEST_F(ImageStackTest, ReBasingMovesEveryImageAndKeepsSpacingImagesAndPadding)
+{
+    const auto images = Fill({10.0, 10.5, 12.0});
+    const std::int32_t serial = m_stack.UnmanagedImageStack()->SerialNumber();
+    m_stack.ReBaseImageZPositions(-1.0);
+    EXPECT_EQ(ZOf(m_stack), (std::vector<double>{-1.0, -0.5, 1.0}));
+    EXPECT_EQ(m_stack.MinimumPoint().Z, -1.0);
+    EXPECT_EQ(m_stack[1].Image(), images[1]);
+    EXPECT_EQ(m_stack.UnmanagedImageStack()->Records()[2].Z, 1.0f);
+    EXPECT_NE(m_stack.UnmanagedImageStack()->SerialNumber(), serial);
+    EXPECT_FALSE(m_stack.HasPadding());
+
+    m_stack.SetPaddingValue(-1024);
+    m_stack.ReBaseImageZPositions(0.0);
+    EXPECT_EQ(m_stack.PaddingValue(), -1024);
+    EXPECT_EQ(ZOf(m_stack), (std::vector<double>{0.0, 0.5, 2.0}));
+    EXPECT_TRUE(m_stack.UnmanagedImageStack()->Verify(nullptr, 0));
+}
+
+TEST_F(ImageStackTest, AReBaseThatWouldLeaveTheZRangeChangesNothing)
+{
+    Fill({0.0, 1.0});
+    QelImageStack* before = m_stack.UnmanagedImageStack();
+    EXPECT_EQ(MessageOf<Ax::System::ArgumentOutOfRangeException>([&] { m_stack.ReBaseImageZPositions(999999.5); }),
+              "Invalid Z coordinate 1000000.5");
+    EXPECT_EQ(m_stack.UnmanagedImageStack(), before);
+    EXPECT_EQ(ZOf(m_stack), (std::vector<double>{0.0, 1.0}));
+}
+
+// The library wraps stacks of its own making, whose slices the caller never saw.
+TEST_F(ImageStackTest, AWrappedNativeStackLendsItsImagesOut)
+{
+    std::unique_ptr<QelImageStack> native = QelImageStack::New();
+    std::vector<std::unique_ptr<QelMemoryRasterImage>> slices;
+    for (float z : {1.5f, 4.0f}) {
+        slices.push_back(QelMemoryRasterImage::New(nullptr));
+        ASSERT_TRUE(slices.back()->Resize(1, QelIntRange(0, 7), QelIntRange(0, 5)));
+        ASSERT_TRUE(native->InsertImage(slices.back().get(), z, false, false));
+    }
+    {
+        ImageStack wrapped(native.get(), GrayscalePixelFormat::Gray8(), false);
+        EXPECT_EQ(ZOf(wrapped), (std::vector<double>{1.5, 4.0}));
+        EXPECT_EQ(wrapped[1].Image()->UnmanagedImage(), slices[1].get());
+        EXPECT_EQ(wrapped.PixelFormat(), std::optional<Ax::Primitives::PixelFormat>(GrayscalePixelFormat::Gray8()));
+        EXPECT_EQ(wrapped.UnmanagedImageStack(), native.get());
+    }
+    // Neither the stack nor its images went with the wrapper.
+    EXPECT_EQ(native->ImageCount(), 2);
+    EXPECT_EQ(slices[0]->Width(), 8);
+
+    // A wrapper that owns an owning stack keeps the images the rebased stack shares.
+    std::unique_ptr<QelImageStack> owning = QelImageStack::New();
+    auto owned = QelMemoryRasterImage::New(nullptr);
+    ASSERT_TRUE(owned->Resize(1, QelIntRange(0, 3), QelIntRange(0, 3)));
+    ASSERT_TRUE(owning->InsertImage(owned.release(), 2.0f, true, false));
+    ImageStack adopted(owning.release(), GrayscalePixelFormat::Gray8(), true);
+    adopted.ReBaseImageZPositions(0.0);
+    EXPECT_TRUE(adopted.UnmanagedImageStack()->Verify(nullptr, 0));
+    EXPECT_EQ(adopted[0].Image()->Width(), 4);
+}
+
+}  // namespace
