@@ -1,0 +1,647 @@
+#pragma once
+
+// The vector bodies of the slab accumulators, written once against a small set of
+// lane operations. Each level's body file defines its operations type V inside a
+// namespace of internal linkage and instantiates these templates with it, so that
+// every instantiation has internal linkage too: no level's code can stand in for
+// another's at link time.
+//
+// V provides, for its register type V::I of V::kLanes 32-bit lanes (2 * kLanes 16-bit
+// lanes): constants, lane-wise integer operations, the float product of the z
+// fraction, loads of pixels and accumulators, and the loads of corner pairs: 32 bits
+// from each of kLanes pointers (LoadPairs) or from a base plus each lane's 32-bit
+// offset (GatherPairs). Unpack16Lo/Hi and Packs32 may work within 128-bit
+// halves, as long as Packs32(f(Unpack16Lo(a, b)), f(Unpack16Hi(a, b))) keeps the
+// pixels in order.
+
+#include "mpr/imp/QelSlabAccumulators.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace qel::slab {
+
+template <class V>
+struct Constants {
+    using I = typename V::I;
+
+    Constants(const QelSlabVolume& volume, const QelSlabPolicy& policy) noexcept
+        : zero(V::Set1(0)),
+          ones(V::Set1(-1)),
+          lanes(V::Lanes()),
+          signBit(V::Set1(INT32_MIN)),
+          widthLimit(V::Set1(volume.WidthLimit ^ INT32_MIN)),
+          heightLimit(V::Set1(volume.HeightLimit ^ INT32_MIN)),
+          fraction(V::Set1(0xFFFF)),
+          weightOne(V::Set1(8192)),
+          round(V::Set1(0x1000)),
+          unsignedOffset(V::Set1(0x8000)),
+          bias16(V::Set1_16(static_cast<std::int16_t>(volume.Bias))),
+          padding16(V::Set1_16(static_cast<std::int16_t>(volume.Padding))),
+          hasPadding16(V::Set1(volume.HasPadding ? -1 : 0)),
+          one16(V::Set1_16(1)),
+          toSigned16(V::Set1_16(static_cast<std::int16_t>(policy.ToSigned))),
+          flip16(V::Set1_16(static_cast<std::int16_t>(policy.Flip))),
+          toSigned32(V::Set1(policy.ToSigned)),
+          flip32(V::Set1(policy.Flip != 0 ? -1 : 0)),
+          // A held value that is the padding value, on the signed scale; out of the
+          // 16-bit range without padding, so that no held value ever equals it.
+          heldPadding32(V::Set1(volume.HasPadding
+                                    ? std::int32_t{static_cast<std::int16_t>(volume.Padding ^ policy.ToSigned)}
+                                    : INT32_MAX)),
+          pitch(V::Set1(volume.Pitch))
+    {
+    }
+
+    I zero, ones, lanes, signBit, widthLimit, heightLimit, fraction, weightOne, round, unsignedOffset;
+    I bias16, padding16, hasPadding16, one16, toSigned16, flip16;
+    I toSigned32, flip32, heldPadding32;
+    I pitch;
+};
+
+// ---------------------------------------------------------------------------------
+// Accumulators of kLanes neighbouring pixels in 32-bit lanes, held in registers for
+// all samples of a pixel group.
+
+template <class V>
+struct SumLanes {
+    typename V::I sum;    // unsigned scale, wrapping like the 32-bit image
+    typename V::I count;  // wraps at 16 bits when stored, like the count image
+};
+
+template <class V>
+struct ExtremeLanes {
+    typename V::I held;   // on the signed scale, sign-extended
+    typename V::I taken;  // all ones where the flag is set
+};
+
+// Pixels j .. j + m - 1 of the row; fewer than kLanes go through a zeroed stage so
+// that no byte past the row is touched.
+template <class V>
+struct Stage {
+    alignas(32) std::uint8_t target[V::kLanes * 4];
+    alignas(32) std::uint8_t flags[V::kLanes * 2];
+};
+
+template <class V>
+void LoadLanes(SumLanes<V>& lanes, const QelSlabRow& row, std::int32_t j, std::int32_t m, Stage<V>& stage,
+               const Constants<V>& /*c*/) noexcept
+{
+    const std::uint8_t* target = row.Target + std::ptrdiff_t{j} * 4;
+    const std::uint8_t* flags = row.Flags + std::ptrdiff_t{j} * 2;
+    if (m < V::kLanes) {
+        stage = {};
+        std::memcpy(stage.target, target, std::size_t(m) * 4);
+        std::memcpy(stage.flags, flags, std::size_t(m) * 2);
+        target = stage.target;
+        flags = stage.flags;
+    }
+    lanes.sum = V::Load(target);
+    lanes.count = V::LoadU16As32(flags);
+}
+
+template <class V>
+void StoreLanes(const SumLanes<V>& lanes, const QelSlabRow& row, std::int32_t j, std::int32_t m,
+                Stage<V>& stage, const Constants<V>& c) noexcept
+{
+    std::uint8_t* target = m < V::kLanes ? stage.target : row.Target + std::ptrdiff_t{j} * 4;
+    std::uint8_t* flags = m < V::kLanes ? stage.flags : row.Flags + std::ptrdiff_t{j} * 2;
+    V::Store(target, lanes.sum);
+    V::StoreLow16(flags, V::NarrowUnsigned(V::And(lanes.count, c.fraction)));
+    if (m < V::kLanes) {
+        std::memcpy(row.Target + std::ptrdiff_t{j} * 4, stage.target, std::size_t(m) * 4);
+        std::memcpy(row.Flags + std::ptrdiff_t{j} * 2, stage.flags, std::size_t(m) * 2);
+    }
+}
+
+template <class V>
+void LoadLanes(ExtremeLanes<V>& lanes, const QelSlabRow& row, std::int32_t j, std::int32_t m, Stage<V>& stage,
+               const Constants<V>& c) noexcept
+{
+    const std::uint8_t* target = row.Target + std::ptrdiff_t{j} * 2;
+    const std::uint8_t* flags = row.Flags + j;
+    if (m < V::kLanes) {
+        stage = {};
+        std::memcpy(stage.target, target, std::size_t(m) * 2);
+        std::memcpy(stage.flags, flags, std::size_t(m));
+        target = stage.target;
+        flags = stage.flags;
+    }
+    const typename V::I held = V::Xor(V::LoadU16As32(target), c.toSigned32);
+    lanes.held = V::template Srai<16>(V::template Slli<16>(held));
+    lanes.taken = V::AndNot(V::CmpEq(V::LoadU8As32(flags), c.zero), c.ones);
+}
+
+template <class V>
+void StoreLanes(const ExtremeLanes<V>& lanes, const QelSlabRow& row, std::int32_t j, std::int32_t m,
+                Stage<V>& stage, const Constants<V>& c) noexcept
+{
+    std::uint8_t* target = m < V::kLanes ? stage.target : row.Target + std::ptrdiff_t{j} * 2;
+    std::uint8_t* flags = m < V::kLanes ? stage.flags : row.Flags + j;
+    V::StoreLow16(target, V::Xor(V::NarrowSigned(lanes.held), c.toSigned16));
+    V::StoreLow8(flags, V::And(lanes.taken, V::Set1(1)));
+    if (m < V::kLanes) {
+        std::memcpy(row.Target + std::ptrdiff_t{j} * 2, stage.target, std::size_t(m) * 2);
+        std::memcpy(row.Flags + j, stage.flags, std::size_t(m));
+    }
+}
+
+// `value` is on the signed scale; `valid` all ones where the lane has a sample.
+template <class V>
+void TakeIn(SumLanes<V>& lanes, typename V::I value, typename V::I valid, const Constants<V>& c) noexcept
+{
+    lanes.sum = V::Add(lanes.sum, V::And(V::Add(value, c.unsignedOffset), valid));
+    lanes.count = V::Sub(lanes.count, valid);
+}
+
+template <class V>
+void TakeIn(ExtremeLanes<V>& lanes, typename V::I value, typename V::I valid, const Constants<V>& c) noexcept
+{
+    const typename V::I better = V::CmpGt(V::Xor(value, c.flip32), V::Xor(lanes.held, c.flip32));
+    const typename V::I replaces =
+        V::Or(V::Or(V::AndNot(lanes.taken, c.ones), better), V::CmpEq(lanes.held, c.heldPadding32));
+    lanes.held = V::Select(V::And(valid, replaces), lanes.held, value);
+    lanes.taken = V::Or(lanes.taken, valid);
+}
+
+// ---------------------------------------------------------------------------------
+// One sample for each of kLanes pixels at (x, y, z).
+
+// From the corners on: padding, weights, value and take-in. `rows` hold, per lane,
+// the two pixels (xi, xi + 1) of lower row yi, lower row yi + 1, upper row yi, upper
+// row yi + 1; `valid` the lanes that have a sample so far.
+template <class V, class Lanes>
+[[gnu::always_inline]] inline void Interpolate(Lanes& lanes, const Constants<V>& c, const typename V::I (&rows)[4],
+                                               typename V::I x, typename V::I y, typename V::I fz,
+                                               typename V::I valid, bool hasPadding) noexcept
+{
+    using I = typename V::I;
+    if (hasPadding) {
+        const I hits = V::Or(V::Or(V::CmpEq16(rows[0], c.padding16), V::CmpEq16(rows[1], c.padding16)),
+                             V::Or(V::CmpEq16(rows[2], c.padding16), V::CmpEq16(rows[3], c.padding16)));
+        valid = V::And(valid, V::CmpEq(hits, c.zero));
+    }
+    // Weights in pairs: the low half of each lane weighs column xi, the high half
+    // column xi + 1, matching the pixel pairs of the rows. All factors stay below
+    // 2^16 in the low half with 0 above, so 16-bit high products are the
+    // (f * g) >> 16 of the scalar body.
+    const I fx = V::template Srli<3>(V::And(x, c.fraction));
+    const I fy = V::template Srli<3>(V::And(y, c.fraction));
+    const I notFy = V::Sub(c.weightOne, fy);
+    const I b = V::template Slli<3>(V::MulhiU16(fx, notFy));
+    const I a = V::template Slli<3>(V::MulhiU16(fx, fy));
+    const I row0 = V::Or(V::Sub(notFy, b), V::template Slli<16>(b));  // (d, b)
+    const I row1 = V::Or(V::Sub(fy, a), V::template Slli<16>(a));     // (c, a)
+    const I fz2 = V::Or(fz, V::template Slli<16>(fz));
+    const I row0Upper = V::template Slli16<3>(V::MulhiU16(row0, fz2));
+    const I row1Upper = V::template Slli16<3>(V::MulhiU16(row1, fz2));
+    const I row0Lower = V::Sub16(row0, row0Upper);
+    const I row1Lower = V::Sub16(row1, row1Upper);
+
+    const I sum = V::Add(V::Add(V::Madd(V::Sub16(rows[0], c.bias16), row0Lower),
+                                V::Madd(V::Sub16(rows[1], c.bias16), row1Lower)),
+                         V::Add(V::Madd(V::Sub16(rows[2], c.bias16), row0Upper),
+                                V::Madd(V::Sub16(rows[3], c.bias16), row1Upper)));
+    // (sum + 0x1000) >> 13 is the value on the signed scale; the scalar body's
+    // constant 0x10001000 only adds 0x8000 << 13 on top.
+    TakeIn<V>(lanes, V::template Srai<13>(V::Add(sum, c.round)), valid, c);
+}
+
+// Lanes whose x or y lies outside the interpolation range drop out. Unsigned
+// compares, done on sign-flipped values, so that negative coordinates fail too.
+template <class V>
+[[gnu::always_inline]] inline typename V::I InsideSlices(const Constants<V>& c, typename V::I x, typename V::I y,
+                                                         typename V::I valid) noexcept
+{
+    valid = V::And(valid, V::CmpGt(c.widthLimit, V::Xor(x, c.signBit)));
+    return V::And(valid, V::CmpGt(c.heightLimit, V::Xor(y, c.signBit)));
+}
+
+// Each lane reads its lower slice at lowerBase + lower and its upper slice at
+// upperBase + upper (32-bit offsets); `sameSlices` says that every lane reads one
+// slice only. Lanes outside `valid` read nothing that matters.
+template <class V, class Lanes>
+[[gnu::always_inline]] inline void FinishIndexed(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& c,
+                                                 typename V::I x, typename V::I y, typename V::I fz,
+                                                 const std::uint8_t* lowerBase, typename V::I lower,
+                                                 const std::uint8_t* upperBase, typename V::I upper,
+                                                 typename V::I valid, bool sameSlices) noexcept
+{
+    using I = typename V::I;
+    valid = InsideSlices<V>(c, x, y, valid);
+    if (V::MoveMask(valid) == 0)
+        return;
+    const I xi = V::template Srai<16>(x);
+    const I at = V::Add(V::MulLo(V::template Srai<16>(y), c.pitch), V::Add(xi, xi));
+    const I lowerAt = V::Add(lower, at);
+    I rows[4];
+    rows[0] = V::GatherPairs(lowerBase, lowerAt, valid);
+    rows[1] = V::GatherPairs(lowerBase, V::Add(lowerAt, c.pitch), valid);
+    if (sameSlices) {
+        rows[2] = rows[0];
+        rows[3] = rows[1];
+    } else {
+        const I upperAt = V::Add(upper, at);
+        rows[2] = V::GatherPairs(upperBase, upperAt, valid);
+        rows[3] = V::GatherPairs(upperBase, V::Add(upperAt, c.pitch), valid);
+    }
+    Interpolate<V>(lanes, c, rows, x, y, fz, valid, volume.HasPadding);
+}
+
+// The slices of each lane, by pointer: for stacks whose slices differ in pitch, for
+// runs of slices that cross segments, and for lanes whose z wraps around.
+template <int kLanes>
+struct LaneSlices {
+    const std::uint8_t* lower[kLanes];
+    const std::uint8_t* upper[kLanes];
+    std::int32_t lowerPitch[kLanes];
+    std::int32_t upperPitch[kLanes];
+};
+
+// With kShared all lanes read the slices of lane 0. Lanes without a sample read
+// (0, 0) of their slice, which must have an image.
+template <class V, bool kShared, class Lanes>
+void FinishPointers(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& c,
+                    const LaneSlices<V::kLanes>& slices, bool sameSlices, typename V::I x, typename V::I y,
+                    typename V::I fz, typename V::I valid) noexcept
+{
+    using I = typename V::I;
+    constexpr int N = V::kLanes;
+    valid = InsideSlices<V>(c, x, y, valid);
+    if (V::MoveMask(valid) == 0)
+        return;
+    alignas(32) std::int32_t xi[N];
+    alignas(32) std::int32_t yi[N];
+    V::Store(xi, V::template Srai<16>(V::And(x, valid)));
+    V::Store(yi, V::template Srai<16>(V::And(y, valid)));
+    const std::uint8_t* at[4][N];
+    for (int l = 0; l < N; ++l) {
+        const int s = kShared ? 0 : l;
+        const std::ptrdiff_t column = std::ptrdiff_t{xi[l]} * 2;
+        at[0][l] = slices.lower[s] + std::ptrdiff_t{yi[l]} * slices.lowerPitch[s] + column;
+        at[1][l] = at[0][l] + slices.lowerPitch[s];
+        at[2][l] = slices.upper[s] + std::ptrdiff_t{yi[l]} * slices.upperPitch[s] + column;
+        at[3][l] = at[2][l] + slices.upperPitch[s];
+    }
+    I rows[4];
+    rows[0] = V::LoadPairs(at[0]);
+    rows[1] = V::LoadPairs(at[1]);
+    if (sameSlices) {
+        rows[2] = rows[0];
+        rows[3] = rows[1];
+    } else {
+        rows[2] = V::LoadPairs(at[2]);
+        rows[3] = V::LoadPairs(at[3]);
+    }
+    Interpolate<V>(lanes, c, rows, x, y, fz, valid, volume.HasPadding);
+}
+
+template <class V>
+typename V::I FloatBits(float value) noexcept
+{
+    std::int32_t bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    return V::Set1(bits);
+}
+
+// A gap holding a lane's z is found this many slices past the lowest lane's at most
+// before the group goes lane by lane.
+constexpr std::int32_t kLongestRun = 6;
+
+// One sample in each of the first m lanes, at z = zFirst + lane * dz. `k` is the
+// slice hint, left at a slice found.
+template <class V, class Lanes>
+void SampleLanes(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& c, typename V::I x,
+                 typename V::I y, typename V::I z, std::int32_t m, std::int32_t zFirst, std::int32_t dz,
+                 std::int32_t& k) noexcept
+{
+    using I = typename V::I;
+    constexpr int N = V::kLanes;
+    const I active = V::CmpGt(V::Set1(m), c.lanes);
+    const std::int64_t zLast = std::int64_t{zFirst} + std::int64_t{m - 1} * dz;
+    // Without wrapping the lanes' z lie on a line, so their gaps are a run of
+    // neighbours found from the two ends: one lookup each, usually at the hint.
+    if (volume.UniformPitch && zLast >= INT32_MIN && zLast <= INT32_MAX) {
+        const std::int32_t low = dz >= 0 ? zFirst : static_cast<std::int32_t>(zLast);
+        const std::int32_t high = dz >= 0 ? static_cast<std::int32_t>(zLast) : zFirst;
+        if (high < 0 || low > volume.LastFixedZ)
+            return;
+        std::int32_t lowSlice = k;
+        QelSlabFindSlice(volume, low < 0 ? 0 : low, lowSlice);
+        std::int32_t highSlice = lowSlice;
+        QelSlabFindSlice(volume, high > volume.LastFixedZ ? volume.LastFixedZ : high, highSlice);
+        k = dz >= 0 ? lowSlice : highSlice;
+        const QelSlabSlice* slices = volume.Slices;
+        // One segment holds the whole run unless the run crosses into slices that
+        // were allocated far away, which go lane by lane.
+        if (highSlice - lowSlice <= kLongestRun && slices[lowSlice].SegmentBase == slices[highSlice + 1].SegmentBase) {
+            I zLow = V::Set1(slices[lowSlice].FixedZ);
+            I factor = FloatBits<V>(slices[lowSlice].GapFactor);
+            I lower = V::Set1(slices[lowSlice].SegmentOffset);
+            I upper = V::Set1(slices[lowSlice + 1].SegmentOffset);
+            I lowerMissing = V::Set1(slices[lowSlice].Missing);
+            I upperMissing = V::Set1(slices[lowSlice + 1].Missing);
+            // A lane at or above the next slice's fixed z belongs to its gap, so the
+            // highest of equal slices wins, as in QelSlabFindSlice.
+            for (std::int32_t next = lowSlice + 1; next <= highSlice; ++next) {
+                const I beyond = V::CmpGt(z, V::Set1(slices[next].FixedZ - 1));
+                zLow = V::Select(beyond, zLow, V::Set1(slices[next].FixedZ));
+                factor = V::Select(beyond, factor, FloatBits<V>(slices[next].GapFactor));
+                lower = V::Select(beyond, lower, V::Set1(slices[next].SegmentOffset));
+                upper = V::Select(beyond, upper, V::Set1(slices[next + 1].SegmentOffset));
+                lowerMissing = V::Select(beyond, lowerMissing, V::Set1(slices[next].Missing));
+                upperMissing = V::Select(beyond, upperMissing, V::Set1(slices[next + 1].Missing));
+            }
+            const I above = V::Sub(z, zLow);
+            // On a slice: that slice alone, so only its voxels are tested for padding.
+            const I onSlice = V::CmpEq(above, c.zero);
+            upper = V::Select(onSlice, upper, lower);
+            upperMissing = V::Select(onSlice, upperMissing, lowerMissing);
+            // Below the first slice a lane drops out here; above the last one its
+            // upper slice is a sentinel, which has no image.
+            I valid = V::And(active, V::CmpGt(z, c.ones));
+            valid = V::AndNot(V::Or(lowerMissing, upperMissing), valid);
+            const int activeBits = V::MoveMask(active);
+            const bool sameSlices = (V::MoveMask(onSlice) & activeBits) == activeBits;
+            const I fz = V::template Srli<3>(V::TruncMulBits(above, factor));
+            const std::uint8_t* base = slices[lowSlice].SegmentBase;
+            FinishIndexed<V>(lanes, volume, c, x, y, fz, base, lower, base, upper, valid, sameSlices);
+            return;
+        }
+    }
+
+    // Lane by lane, with the scalar lookup and z fraction.
+    alignas(32) std::int32_t zs[N];
+    V::Store(zs, z);
+    const int activeBits = V::MoveMask(active);
+    LaneSlices<N> slices;
+    alignas(32) std::int32_t fz[N];
+    alignas(32) std::int32_t valid[N];
+    for (int l = 0; l < N; ++l) {
+        slices.lower[l] = slices.upper[l] = volume.SafeOrigin;
+        slices.lowerPitch[l] = slices.upperPitch[l] = volume.SafeBytesPerLine;
+        fz[l] = 0;
+        valid[l] = 0;
+        if (!((activeBits >> l) & 1) || !QelSlabFindSlice(volume, zs[l], k))
+            continue;
+        const QelSlabPair pair = QelSlabPairAt(volume, zs[l], k);
+        if (!pair.Lower || !pair.Upper)
+            continue;
+        slices.lower[l] = pair.Lower;
+        slices.upper[l] = pair.Upper;
+        slices.lowerPitch[l] = pair.LowerBytesPerLine;
+        slices.upperPitch[l] = pair.UpperBytesPerLine;
+        fz[l] = static_cast<std::int32_t>(pair.Fz);
+        valid[l] = -1;
+    }
+    FinishPointers<V, false>(lanes, volume, c, slices, false, x, y, V::Load(fz), V::Load(valid));
+}
+
+// ---------------------------------------------------------------------------------
+// Rows.
+
+// Pixel by pixel, kLanes pixels at once, each group through all its samples.
+template <class V, class Lanes>
+void GeneralRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabRow& row) noexcept
+{
+    using I = typename V::I;
+    constexpr int N = V::kLanes;
+    std::int32_t firstHint = QelSlabValidHint(volume, row.FirstHint);
+    std::int32_t laterHint = QelSlabValidHint(volume, row.LaterHint);
+    if (volume.SafeOrigin && volume.WidthLimit > 0 && volume.HeightLimit > 0) {
+        const Constants<V> c(volume, policy);
+        alignas(32) std::int32_t steps[3][N];
+        for (int l = 0; l < N; ++l) {
+            steps[0][l] = QelSlabWrapMul(row.XStep.X, l);
+            steps[1][l] = QelSlabWrapMul(row.XStep.Y, l);
+            steps[2][l] = QelSlabWrapMul(row.XStep.Z, l);
+        }
+        const I laneX = V::Load(steps[0]);
+        const I laneY = V::Load(steps[1]);
+        const I laneZ = V::Load(steps[2]);
+        const std::int32_t laterFirst = row.FirstSample > 1 ? row.FirstSample : 1;
+        // Every group starts its later samples at the same depth again: it starts
+        // from the slice that the previous group found there.
+        std::int32_t groupHint = laterHint;
+        Stage<V> stage;
+        for (std::int32_t j = 0; j < row.Pixels; j += N) {
+            const std::int32_t m = row.Pixels - j < N ? row.Pixels - j : N;
+            Lanes lanes;
+            LoadLanes<V>(lanes, row, j, m, stage, c);
+            if (row.FirstSample == 0) {
+                const QelFixedPoint3 at = QelSlabWrapAddScaled(row.P, row.XStep, j);
+                SampleLanes<V>(lanes, volume, c, V::Add(V::Set1(at.X), laneX), V::Add(V::Set1(at.Y), laneY),
+                               V::Add(V::Set1(at.Z), laneZ), m, at.Z, row.XStep.Z, firstHint);
+            }
+            QelFixedPoint3 at = QelSlabWrapAddScaled(row.Q, row.XStep, j);
+            std::int32_t k = groupHint;
+            for (std::int32_t s = laterFirst; s <= row.LastSample; ++s) {
+                SampleLanes<V>(lanes, volume, c, V::Add(V::Set1(at.X), laneX), V::Add(V::Set1(at.Y), laneY),
+                               V::Add(V::Set1(at.Z), laneZ), m, at.Z, row.XStep.Z, k);
+                if (s == laterFirst)
+                    groupHint = k;
+                at = QelSlabWrapAdd(at, row.SlabStep);
+            }
+            laterHint = k;
+            StoreLanes<V>(lanes, row, j, m, stage, c);
+        }
+    }
+    row.FirstHint = firstHint;
+    row.LaterHint = laterHint;
+}
+
+// The signed-scale values of 2 * kLanes pixels from the sums of their two halves.
+template <class V>
+typename V::I Values16(typename V::I low, typename V::I high, const Constants<V>& c) noexcept
+{
+    return V::Packs32(V::template Srai<13>(V::Add(low, c.round)), V::template Srai<13>(V::Add(high, c.round)));
+}
+
+// Takes 2 * kLanes values in 16-bit lanes into pixels j onwards of the row.
+template <class V>
+void TakeInRound(const QelSlabRow& row, std::int32_t j, const Constants<V>& c, bool sum, typename V::I value,
+                 typename V::I valid) noexcept
+{
+    using I = typename V::I;
+    constexpr int N = V::kLanes;
+    if (sum) {
+        std::uint8_t* sums = row.Target + std::ptrdiff_t{j} * 4;
+        const I low = V::And(V::Add(V::Widen16Lo(value), c.unsignedOffset), V::Widen16Lo(valid));
+        const I high = V::And(V::Add(V::Widen16Hi(value), c.unsignedOffset), V::Widen16Hi(valid));
+        V::Store(sums, V::Add(V::Load(sums), low));
+        V::Store(sums + 4 * N, V::Add(V::Load(sums + 4 * N), high));
+        std::uint8_t* counts = row.Flags + std::ptrdiff_t{j} * 2;
+        V::Store(counts, V::Sub16(V::Load(counts), valid));
+        return;
+    }
+    std::uint8_t* heldAt = row.Target + std::ptrdiff_t{j} * 2;
+    const I held = V::Load(heldAt);
+    const I heldSigned = V::Xor(held, c.toSigned16);
+    const I better = V::CmpGt16(V::Xor(value, c.flip16), V::Xor(heldSigned, c.flip16));
+    const I flags = V::LoadU8As16(row.Flags + j);
+    // A held padding value gives way only when the stack has padding at all.
+    const I replaces = V::Or(V::Or(V::CmpEq16(flags, c.zero), better),
+                             V::And(V::CmpEq16(held, c.padding16), c.hasPadding16));
+    V::Store(heldAt, V::Xor(V::Select(V::And(valid, replaces), heldSigned, value), c.toSigned16));
+    V::StoreU16AsU8(row.Flags + j, V::Or(flags, V::And(valid, c.one16)));
+}
+
+// A plane row stepping exactly one voxel in x and none in y, cut to the pixels
+// [first, last] inside the stack: x and y fractions, and so the weights, are the same
+// for the whole row, and the corners of neighbouring pixels are neighbours in memory.
+template <class V>
+void UnitStepRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, const Constants<V>& c,
+                 const QelSlabRow& row, const QelSlabPair& pair, std::int32_t x0, std::int32_t y, std::int32_t first,
+                 std::int32_t last) noexcept
+{
+    using I = typename V::I;
+    constexpr int kRound = 2 * V::kLanes;
+    // Pixel j sits at column (x0 >> 16) + j: the steps are whole voxels.
+    const std::ptrdiff_t column = std::ptrdiff_t{x0 >> 16} * 2;
+    const std::ptrdiff_t lowerPitch = pair.LowerBytesPerLine;
+    const std::ptrdiff_t upperPitch = pair.UpperBytesPerLine;
+    const std::uint8_t* lower = pair.Lower + std::ptrdiff_t{y >> 16} * lowerPitch + column;
+    const std::uint8_t* upper = pair.Upper + std::ptrdiff_t{y >> 16} * upperPitch + column;
+    const QelSlabWeights w = QelSlabCornerWeights(QelSlabFraction(x0), QelSlabFraction(y), pair.Fz);
+    const auto weightPair = [](std::uint16_t low, std::uint16_t high) {
+        return V::Set1(static_cast<std::int32_t>(low | (std::uint32_t{high} << 16)));
+    };
+    std::int32_t j = first;
+    if ((x0 & 0xFFFF) == 0 && (y & 0xFFFF) == 0 && !volume.HasPadding) {
+        // On a voxel only z interpolates: the weights of the x and y neighbours are
+        // 0, and without padding nothing else needs those corners.
+        const I weights = weightPair(w.W[0], w.W[4]);
+        for (; j + kRound - 1 <= last; j += kRound) {
+            const I a = V::Sub16(V::Load(lower + 2 * std::ptrdiff_t{j}), c.bias16);
+            const I b = V::Sub16(V::Load(upper + 2 * std::ptrdiff_t{j}), c.bias16);
+            TakeInRound<V>(row, j, c, policy.Sum,
+                           Values16<V>(V::Madd(V::Unpack16Lo(a, b), weights), V::Madd(V::Unpack16Hi(a, b), weights), c),
+                           c.ones);
+        }
+    } else {
+        const I lower0 = weightPair(w.W[0], w.W[1]);
+        const I lower1 = weightPair(w.W[2], w.W[3]);
+        const I upper0 = weightPair(w.W[4], w.W[5]);
+        const I upper1 = weightPair(w.W[6], w.W[7]);
+        // On a slice the upper weights are 0 and the upper slice is the lower one.
+        const bool twoSlices = !pair.OnSlice;
+        for (; j + kRound - 1 <= last; j += kRound) {
+            const std::uint8_t* l = lower + 2 * std::ptrdiff_t{j};
+            const I l0 = V::Load(l), l1 = V::Load(l + 2);
+            const I l2 = V::Load(l + lowerPitch), l3 = V::Load(l + lowerPitch + 2);
+            I hits = V::Or(V::Or(V::CmpEq16(l0, c.padding16), V::CmpEq16(l1, c.padding16)),
+                           V::Or(V::CmpEq16(l2, c.padding16), V::CmpEq16(l3, c.padding16)));
+            I low = V::Add(V::Madd(V::Unpack16Lo(V::Sub16(l0, c.bias16), V::Sub16(l1, c.bias16)), lower0),
+                           V::Madd(V::Unpack16Lo(V::Sub16(l2, c.bias16), V::Sub16(l3, c.bias16)), lower1));
+            I high = V::Add(V::Madd(V::Unpack16Hi(V::Sub16(l0, c.bias16), V::Sub16(l1, c.bias16)), lower0),
+                            V::Madd(V::Unpack16Hi(V::Sub16(l2, c.bias16), V::Sub16(l3, c.bias16)), lower1));
+            if (twoSlices) {
+                const std::uint8_t* u = upper + 2 * std::ptrdiff_t{j};
+                const I u0 = V::Load(u), u1 = V::Load(u + 2);
+                const I u2 = V::Load(u + upperPitch), u3 = V::Load(u + upperPitch + 2);
+                hits = V::Or(hits, V::Or(V::Or(V::CmpEq16(u0, c.padding16), V::CmpEq16(u1, c.padding16)),
+                                         V::Or(V::CmpEq16(u2, c.padding16), V::CmpEq16(u3, c.padding16))));
+                low = V::Add(low, V::Add(V::Madd(V::Unpack16Lo(V::Sub16(u0, c.bias16), V::Sub16(u1, c.bias16)), upper0),
+                                         V::Madd(V::Unpack16Lo(V::Sub16(u2, c.bias16), V::Sub16(u3, c.bias16)), upper1)));
+                high = V::Add(high,
+                              V::Add(V::Madd(V::Unpack16Hi(V::Sub16(u0, c.bias16), V::Sub16(u1, c.bias16)), upper0),
+                                     V::Madd(V::Unpack16Hi(V::Sub16(u2, c.bias16), V::Sub16(u3, c.bias16)), upper1)));
+            }
+            const I valid = volume.HasPadding ? V::CmpEq16(hits, c.zero) : c.ones;
+            TakeInRound<V>(row, j, c, policy.Sum, Values16<V>(low, high, c), valid);
+        }
+    }
+    // The rest one by one: a whole round would read past the last voxel of the row.
+    for (; j <= last; ++j) {
+        std::uint32_t value = 0;
+        if (QelSlabSampleAt(volume, pair, QelSlabWrapAdd(x0, QelSlabWrapMul(j, 65536)), y, value))
+            QelSlabTakeIn(policy, row, volume, j, value);
+    }
+}
+
+// Sample by sample, each across the whole row: with no z in the x step all pixels of
+// a sample share its slices.
+template <class V, class Lanes>
+void PlaneRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabRow& row) noexcept
+{
+    using I = typename V::I;
+    constexpr int N = V::kLanes;
+    std::int32_t firstHint = QelSlabValidHint(volume, row.FirstHint);
+    std::int32_t laterHint = QelSlabValidHint(volume, row.LaterHint);
+    if (volume.SafeOrigin && volume.WidthLimit > 0 && volume.HeightLimit > 0) {
+        const Constants<V> c(volume, policy);
+        alignas(32) std::int32_t steps[2][N];
+        for (int l = 0; l < N; ++l) {
+            steps[0][l] = QelSlabWrapMul(row.XStep.X, l);
+            steps[1][l] = QelSlabWrapMul(row.XStep.Y, l);
+        }
+        const I laneX = V::Load(steps[0]);
+        const I laneY = V::Load(steps[1]);
+        const std::int32_t laterFirst = row.FirstSample > 1 ? row.FirstSample : 1;
+        const bool unitStep = row.XStep.X == 65536 && row.XStep.Y == 0;
+        Stage<V> stage;
+        for (std::int32_t s = row.FirstSample; s <= row.LastSample; ++s) {
+            const QelFixedPoint3 start = s == 0 ? row.P : QelSlabWrapAddScaled(row.Q, row.SlabStep, s - laterFirst);
+            std::int32_t& hint = s == 0 ? firstHint : laterHint;
+            if (!QelSlabFindSlice(volume, start.Z, hint))
+                continue;
+            const QelSlabPair pair = QelSlabPairAt(volume, start.Z, hint);
+            if (!pair.Lower || !pair.Upper)
+                continue;
+            std::int32_t first = 0;
+            std::int32_t last = -1;
+            if (unitStep && QelSlabUnitStepSpan(volume, start.X, row.Pixels, first, last)) {
+                if (static_cast<std::uint32_t>(start.Y) < static_cast<std::uint32_t>(volume.HeightLimit) &&
+                    first <= last)
+                    UnitStepRow<V>(volume, policy, c, row, pair, start.X, start.Y, first, last);
+                continue;
+            }
+            // Any other step, also one that climbs whole rows per pixel: the corners
+            // of neighbouring pixels are not neighbours in memory, so each pixel
+            // takes its own weights and reads.
+            LaneSlices<N> slices;
+            slices.lower[0] = pair.Lower;
+            slices.upper[0] = pair.Upper;
+            slices.lowerPitch[0] = pair.LowerBytesPerLine;
+            slices.upperPitch[0] = pair.UpperBytesPerLine;
+            const I fz = V::Set1(static_cast<std::int32_t>(pair.Fz));
+            for (std::int32_t j = 0; j < row.Pixels; j += N) {
+                const std::int32_t m = row.Pixels - j < N ? row.Pixels - j : N;
+                Lanes lanes;
+                LoadLanes<V>(lanes, row, j, m, stage, c);
+                const QelFixedPoint3 at = QelSlabWrapAddScaled(start, row.XStep, j);
+                const I x = V::Add(V::Set1(at.X), laneX);
+                const I y = V::Add(V::Set1(at.Y), laneY);
+                const I active = V::CmpGt(V::Set1(m), c.lanes);
+                if (volume.UniformPitch)
+                    FinishIndexed<V>(lanes, volume, c, x, y, fz, pair.Lower, c.zero, pair.Upper, c.zero, active,
+                                     pair.OnSlice);
+                else
+                    FinishPointers<V, true>(lanes, volume, c, slices, pair.OnSlice, x, y, fz, active);
+                StoreLanes<V>(lanes, row, j, m, stage, c);
+            }
+        }
+    }
+    row.FirstHint = firstHint;
+    row.LaterHint = laterHint;
+}
+
+template <class V>
+void GeneralRowFor(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabRow& row) noexcept
+{
+    if (policy.Sum)
+        GeneralRow<V, SumLanes<V>>(volume, policy, row);
+    else
+        GeneralRow<V, ExtremeLanes<V>>(volume, policy, row);
+}
+
+template <class V>
+void PlaneRowFor(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabRow& row) noexcept
+{
+    if (policy.Sum)
+        PlaneRow<V, SumLanes<V>>(volume, policy, row);
+    else
+        PlaneRow<V, ExtremeLanes<V>>(volume, policy, row);
+}
+
+}  // namespace qel::slab
