@@ -183,7 +183,7 @@ TEST_F(MemoryRasterImageTest, RgbFormatsGiveTheImageAColourSpecByTheirWidth)
         EXPECT_EQ(SpecOf(image)->ByteCount(), w.bytes);
         EXPECT_EQ(SpecOf(image)->Mask(QelRgbColorSpec::Channel::Alpha), 0xF000u);
     }
-    // A grey format keeps the spec the image holds.
+    // A grey format keeps the colour layout the image holds.
     image.Resize(GrayscalePixelFormat::Gray16(), Size(2, 2));
     ASSERT_NE(SpecOf(image), nullptr);
     EXPECT_EQ(SpecOf(image)->ByteCount(), 4);
