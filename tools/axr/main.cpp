@@ -1,0 +1,21 @@
+#include "CommandLine.h"
+#include "Demo.h"
+
+#include <iostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+// A new command is one row here and a function of Command::run's shape.
+constexpr Axr::Command kCommands[] = {
+    {"demo", "render the built-in head phantom in several views and write PNGs", Axr::DemoCommand},
+};
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    return Axr::RunCommandLine(kCommands, arguments, std::cout, std::cerr);
+}
