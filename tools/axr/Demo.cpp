@@ -2,6 +2,7 @@
 
 #include "CommandLine.h"
 #include "Phantom.h"
+#include "FileOutput.h"
 #include "PngWriter.h"
 #include "View.h"
 #include "Window.h"
@@ -109,16 +110,6 @@ struct DemoView {
         {"slab-minip", slab, ProjectionMode::Minimum, slabSamples, 1.0f, soft},
         {"slab-mean", slab, ProjectionMode::Average, slabSamples, 1.0f, soft},
     };
-}
-
-[[nodiscard]] std::vector<std::uint16_t> CanvasPixels(const MemoryRasterImage& canvas)
-{
-    std::vector<std::uint16_t> pixels(static_cast<std::size_t>(canvas.Width()) * canvas.Height());
-    const std::size_t rowBytes = static_cast<std::size_t>(canvas.Width()) * sizeof(std::uint16_t);
-    for (std::int32_t row = 0; row < canvas.Height(); ++row)
-        std::memcpy(pixels.data() + static_cast<std::size_t>(row) * canvas.Width(), canvas.GetPixelAddress(0, row),
-                    rowBytes);
-    return pixels;
 }
 
 [[nodiscard]] double MillisecondsSince(std::chrono::steady_clock::time_point start)

@@ -6,12 +6,10 @@
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace Axr {
 
@@ -31,10 +29,29 @@ struct PngFailure {
 
 void OnPngWarning(png_structp, png_const_charp) {}
 
+// libpng writes through this into the caller's vector. An allocation failure can't
+// throw through libpng's C frames, so it becomes a libpng error once out of the
+// handler.
+void AppendToBytes(png_structp png, png_bytep data, png_size_t length)
+{
+    auto* bytes = static_cast<std::vector<std::uint8_t>*>(png_get_io_ptr(png));
+    bool grown = true;
+    try {
+        bytes->insert(bytes->end(), data, data + length);
+    } catch (const std::bad_alloc&) {
+        grown = false;
+    }
+    if (!grown)
+        png_error(png, "out of memory");
+}
+
+void FlushNothing(png_structp) {}
+
 // libpng reports errors by longjmp, which skips destructors: everything between the
-// setjmp and the end is plain C data. False with `failure.message` set on failure.
-bool EncodeRows(std::FILE* file, png_uint_32 width, png_uint_32 height, int bitDepth, png_bytep* rows,
-                PngFailure& failure)
+// setjmp and the end is plain C data, and the output vector lives in the caller's
+// frame. False with `failure.message` set on failure.
+bool EncodeRows(std::vector<std::uint8_t>* out, png_uint_32 width, png_uint_32 height, int bitDepth,
+                png_bytep* rows, PngFailure& failure)
 {
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &failure, OnPngError, OnPngWarning);
     if (png == nullptr) {
@@ -51,7 +68,7 @@ bool EncodeRows(std::FILE* file, png_uint_32 width, png_uint_32 height, int bitD
         png_destroy_write_struct(&png, &info);
         return false;
     }
-    png_init_io(png, file);
+    png_set_write_fn(png, out, AppendToBytes, FlushNothing);
     png_set_IHDR(png, info, width, height, bitDepth, PNG_COLOR_TYPE_GRAY, PNG_INTERLACE_NONE,
                  PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     png_write_info(png, info);
@@ -83,34 +100,12 @@ void Write(const std::filesystem::path& path, std::int32_t width, std::int32_t h
     for (std::size_t y = 0; y < rows.size(); ++y)
         rows[y] = const_cast<png_bytep>(pixels + y * rowBytes);  // libpng only reads them
 
-    // The temporary file sits in the target's folder so that the rename can't cross
-    // file systems and replaces the target in one step.
-    std::string temporary = path.string() + ".tmp-XXXXXX";
-    const int fd = ::mkstemp(temporary.data());
-    if (fd < 0)
-        Fail(path, std::strerror(errno));
-    // mkstemp makes the file private; give it the mode a plain create would.
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::fchmod(fd, 0666 & ~mask);
-    std::FILE* file = ::fdopen(fd, "wb");
-    if (file == nullptr) {
-        const std::string reason = std::strerror(errno);
-        ::close(fd);
-        ::unlink(temporary.c_str());
-        Fail(path, reason);
-    }
+    std::vector<std::uint8_t> encoded;
     PngFailure failure;
-    const bool encoded = EncodeRows(file, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height),
-                                    bitDepth, rows.data(), failure);
-    const bool closed = std::fclose(file) == 0;
-    std::string reason = encoded ? (closed ? "" : std::strerror(errno)) : failure.message;
-    if (encoded && closed && std::rename(temporary.c_str(), path.c_str()) != 0)
-        reason = std::strerror(errno);
-    if (!reason.empty()) {
-        ::unlink(temporary.c_str());
-        Fail(path, reason);
-    }
+    if (!EncodeRows(&encoded, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), bitDepth,
+                    rows.data(), failure))
+        Fail(path, failure.message);
+    WriteFileAtomically(path, encoded);
 }
 
 }  // namespace

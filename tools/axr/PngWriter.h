@@ -1,17 +1,15 @@
 #pragma once
 
+#include "FileOutput.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <span>
-#include <stdexcept>
 
 namespace Axr {
 
 /// Why a PNG could not be written; the text names the file and the reason.
-class PngError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+using PngError = FileError;
 
 /// Writes a grey PNG of `width` x `height` from tightly packed rows, 8 bits deep or
 /// 16 (host order in memory). The picture goes to a temporary file beside `path`

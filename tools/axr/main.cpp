@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Demo.h"
+#include "VolumeCommands.h"
 
 #include <iostream>
 #include <string>
@@ -10,6 +11,8 @@ namespace {
 // A new command is one row here and a function of Command::run's shape.
 constexpr Axr::Command kCommands[] = {
     {"demo", "render the built-in head phantom in several views and write PNGs", Axr::DemoCommand},
+    {"info", "describe a volume: the phantom or a raw file", Axr::InfoCommand},
+    {"mpr", "render one plane or slab of a volume into a PNG, PGM or raw file", Axr::MprCommand},
 };
 
 }  // namespace

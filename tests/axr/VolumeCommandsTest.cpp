@@ -1,0 +1,260 @@
+#include "ax/primitives/Matrix44.h"
+#include "ax/rendering/ImageStack.h"
+#include "ax/rendering/Initializer.h"
+#include "ax/rendering/MemoryRasterImage.h"
+#include "ax/rendering/MprRenderer.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Ax::Primitives::GrayscalePixelFormat;
+using Ax::Primitives::Matrix44;
+using Ax::Primitives::Size;
+using Ax::Rendering::ImageStack;
+using Ax::Rendering::MemoryRasterImage;
+using Ax::Rendering::MprRenderer;
+using Ax::Rendering::ProjectionMode;
+
+struct ToolRun {
+    int status = -1;
+    std::string out, err;
+};
+
+std::string Slurp(const std::filesystem::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+ToolRun RunAxr(const std::string& arguments, const std::filesystem::path& scratch)
+{
+    const auto outFile = scratch / "stdout.txt", errFile = scratch / "stderr.txt";
+    const std::string command = "cd '" + scratch.string() + "' && '" + AXR_EXECUTABLE + "' " + arguments + " >'" +
+                                outFile.string() + "' 2>'" + errFile.string() + "'";
+    const int raw = std::system(command.c_str());
+    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(outFile), Slurp(errFile)};
+}
+
+// A small volume whose values vary along every axis and, for signed data, go
+// negative, so a swapped byte order or a lost sign changes the picture.
+constexpr std::int32_t kWidth = 24, kHeight = 16, kDepth = 8;
+
+std::vector<std::uint16_t> TestVolume(bool isSigned)
+{
+    std::vector<std::uint16_t> values;
+    for (std::int32_t z = 0; z < kDepth; ++z)
+        for (std::int32_t y = 0; y < kHeight; ++y)
+            for (std::int32_t x = 0; x < kWidth; ++x) {
+                const std::int32_t value = x * 37 + y * 101 + z * 509 + (x * y) % 7;
+                values.push_back(static_cast<std::uint16_t>(isSigned ? value - 2000 : value + 300));
+            }
+    return values;
+}
+
+void WriteRaw(const std::filesystem::path& path, const std::vector<std::uint16_t>& values, bool bigEndian)
+{
+    std::ofstream out(path, std::ios::binary);
+    for (const std::uint16_t value : values) {
+        const char high = static_cast<char>(value >> 8), low = static_cast<char>(value & 0xFF);
+        out.put(bigEndian ? high : low).put(bigEndian ? low : high);
+    }
+}
+
+std::vector<std::uint16_t> ReadLittleEndian(const std::string& bytes)
+{
+    std::vector<std::uint16_t> values(bytes.size() / 2);
+    for (std::size_t i = 0; i < values.size(); ++i)
+        values[i] = static_cast<std::uint16_t>(static_cast<std::uint8_t>(bytes[2 * i]) |
+                                               static_cast<std::uint8_t>(bytes[2 * i + 1]) << 8);
+    return values;
+}
+
+// The library's own render of the test volume on a canvas of kWidth x kWidth: the
+// volume fits at one voxel per pixel, so the axial plane at slice `z` is the volume
+// shifted down by the (kWidth - kHeight) / 2 rows of margin.
+std::vector<std::uint16_t> LibraryAxial(const std::vector<std::uint16_t>& values, bool isSigned, double z,
+                                        ProjectionMode mode, std::int32_t slices, std::uint16_t undefined)
+{
+    Ax::Rendering::Initializer::Initialize();
+    ImageStack stack;
+    for (std::int32_t k = 0; k < kDepth; ++k) {
+        auto slice = std::make_shared<MemoryRasterImage>();
+        slice->Resize(GrayscalePixelFormat(2, isSigned), Size(kWidth, kHeight));
+        for (std::int32_t y = 0; y < kHeight; ++y)
+            std::memcpy(slice->GetPixelAddress(0, y), values.data() + (k * kHeight + y) * kWidth, kWidth * 2);
+        EXPECT_TRUE(stack.InsertImage(slice, k));
+    }
+    Matrix44 volumeToView;
+    volumeToView(1, 3) = (kWidth - kHeight) / 2.0;
+    volumeToView(2, 3) = -z;
+    MemoryRasterImage canvas;
+    canvas.Resize(GrayscalePixelFormat::Gray16(), Size(kWidth, kWidth));
+    MprRenderer renderer(Ax::Rendering::InterpolationMode::TriLinear);
+    renderer.Render(stack, undefined, volumeToView, mode, slices, 1.0f, canvas, nullptr);
+    std::vector<std::uint16_t> pixels(kWidth * kWidth);
+    for (std::int32_t y = 0; y < kWidth; ++y)
+        std::memcpy(pixels.data() + y * kWidth, canvas.GetPixelAddress(0, y), kWidth * 2);
+    return pixels;
+}
+
+class VolumeCommandsTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_scratch = std::filesystem::temp_directory_path() /
+                    ("axr-volume-test-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+        std::filesystem::remove_all(m_scratch);
+        std::filesystem::create_directories(m_scratch);
+    }
+    void TearDown() override { std::filesystem::remove_all(m_scratch); }
+
+    // Files in the scratch folder other than the captured output streams.
+    [[nodiscard]] std::vector<std::string> OtherFiles(const std::vector<std::string>& expected) const
+    {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(m_scratch)) {
+            const std::string name = entry.path().filename().string();
+            if (name != "stdout.txt" && name != "stderr.txt" &&
+                std::find(expected.begin(), expected.end(), name) == expected.end())
+                names.push_back(name);
+        }
+        return names;
+    }
+
+    std::filesystem::path m_scratch;
+};
+
+void ExpectOneLine(const ToolRun& run)
+{
+    ASSERT_FALSE(run.err.empty());
+    EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
+}
+
+TEST_F(VolumeCommandsTest, RawOutputIsTheLibrarysCanvasBitForBit)
+{
+    struct Case {
+        bool isSigned, bigEndian;
+        const char* options;
+        double z;
+        ProjectionMode mode;
+        std::int32_t slices;
+    };
+    const Case cases[] = {
+        {false, false, "--type u16", kDepth / 2, ProjectionMode::Maximum, 1},
+        {true, true, "--type i16 --endian big --position 3 --mode mean --slices 3", 3, ProjectionMode::Average, 3},
+        {true, false, "--type i16 --position 6 --mode minip --slices 5", 6, ProjectionMode::Minimum, 5},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.options);
+        const auto values = TestVolume(c.isSigned);
+        WriteRaw(m_scratch / "volume.raw", values, c.bigEndian);
+        const ToolRun run = RunAxr("mpr volume.raw --dims 24x16x8 " + std::string(c.options) +
+                                       " --view axial --size 24x24 --out plane.raw",
+                                   m_scratch);
+        ASSERT_EQ(run.status, 0) << run.err;
+        const auto expected =
+            LibraryAxial(values, c.isSigned, c.z, c.mode, c.slices, c.isSigned ? 0x8000 : 0xFFFF);
+        EXPECT_EQ(ReadLittleEndian(Slurp(m_scratch / "plane.raw")), expected);
+        // The margin rows lie outside the volume and carry the undefined mark.
+        EXPECT_EQ(expected.front(), c.isSigned ? 0x8000 : 0xFFFF);
+        EXPECT_NE(expected[kWidth * kWidth / 2], expected.front());
+    }
+}
+
+TEST_F(VolumeCommandsTest, PgmIsTheRawCanvasBigEndianBehindItsHeader)
+{
+    ASSERT_EQ(RunAxr("mpr phantom:16 --view coronal --size 5x3 --out c.pgm", m_scratch).status, 0);
+    ASSERT_EQ(RunAxr("mpr phantom:16 --view coronal --size 5x3 --out c.raw", m_scratch).status, 0);
+    const std::string pgm = Slurp(m_scratch / "c.pgm"), raw = Slurp(m_scratch / "c.raw");
+    const std::string header = "P5\n5 3\n65535\n";
+    ASSERT_EQ(raw.size(), 5u * 3u * 2u);
+    ASSERT_EQ(pgm.size(), header.size() + raw.size());
+    EXPECT_EQ(pgm.substr(0, header.size()), header);
+    std::string swapped = raw;
+    for (std::size_t i = 0; i < swapped.size(); i += 2)
+        std::swap(swapped[i], swapped[i + 1]);
+    EXPECT_EQ(pgm.substr(header.size()), swapped);
+    EXPECT_NE(raw.substr(0, 2), raw.substr(14, 2)) << "the centre should differ from the air at the corner";
+    EXPECT_TRUE(OtherFiles({"c.pgm", "c.raw"}).empty());
+}
+
+TEST_F(VolumeCommandsTest, TruncatedRawExitsTwoAndWritesNothing)
+{
+    WriteRaw(m_scratch / "short.raw", std::vector<std::uint16_t>(50, 7), false);
+    for (const char* out : {"out.png", "out.pgm", "out.raw"}) {
+        const ToolRun run = RunAxr("mpr short.raw --dims 8x8x1 --type u16 --out " + std::string(out), m_scratch);
+        EXPECT_EQ(run.status, 2);
+        ExpectOneLine(run);
+        EXPECT_NE(run.err.find("short.raw: 100 bytes, expected 128 for 8x8x1 u16"), std::string::npos) << run.err;
+        EXPECT_TRUE(OtherFiles({"short.raw"}).empty());
+    }
+}
+
+TEST_F(VolumeCommandsTest, BadOptionsExitTwoWithOneLineAndNoFile)
+{
+    for (const char* arguments :
+         {"--view top", "--mode avg", "--size 0x5", "--size 5", "--size 5x", "--size x5", "--window 40",
+          "--window 40/0", "--position 16", "--slices 0", "--spacing -1", "--bits 12", "--dims 4x4x4",
+          "--out out.jpg", "--out"}) {
+        SCOPED_TRACE(arguments);
+        const ToolRun run = RunAxr("mpr phantom:16 --out out.png " + std::string(arguments), m_scratch);
+        EXPECT_EQ(run.status, 2);
+        EXPECT_EQ(run.out, "");
+        ExpectOneLine(run);
+        EXPECT_TRUE(OtherFiles({}).empty());
+    }
+    for (const char* arguments : {"mpr phantom:16", "mpr --out out.png", "mpr volume.raw --out o.png",
+                                  "mpr volume.raw --dims 2x2 --type u16 --out o.png", "info missing.raw --dims 2x2x2 --type u16",
+                                  "info phantom:8", "info"}) {
+        SCOPED_TRACE(arguments);
+        const ToolRun run = RunAxr(arguments, m_scratch);
+        EXPECT_EQ(run.status, 2);
+        ExpectOneLine(run);
+    }
+}
+
+TEST_F(VolumeCommandsTest, InfoReportsDimensionsRangeAndSignedness)
+{
+    const ToolRun phantom = RunAxr("info phantom:32", m_scratch);
+    ASSERT_EQ(phantom.status, 0) << phantom.err;
+    EXPECT_NE(phantom.out.find("32 x 32 x 32"), std::string::npos) << phantom.out;
+    EXPECT_NE(phantom.out.find("padding   none"), std::string::npos) << phantom.out;
+
+    // Big-endian signed data: the range shows whether both the order and the sign held.
+    const auto values = TestVolume(true);
+    WriteRaw(m_scratch / "volume.raw", values, true);
+    const ToolRun raw = RunAxr("info volume.raw --dims 24x16x8 --type i16 --endian big", m_scratch);
+    ASSERT_EQ(raw.status, 0) << raw.err;
+    const std::int32_t highest = 23 * 37 + 15 * 101 + 7 * 509 + (23 * 15) % 7 - 2000;
+    EXPECT_NE(raw.out.find("24 x 16 x 8"), std::string::npos) << raw.out;
+    EXPECT_NE(raw.out.find("z         0 .. 7"), std::string::npos) << raw.out;
+    EXPECT_NE(raw.out.find("values    -2000 .. " + std::to_string(highest)), std::string::npos) << raw.out;
+    EXPECT_NE(raw.out.find("signed    yes"), std::string::npos) << raw.out;
+}
+
+TEST_F(VolumeCommandsTest, RepeatPrintsTimesAndPngsAreWritten)
+{
+    const ToolRun run = RunAxr("mpr phantom:32 --view sagittal --size 64x48 --repeat 3 --out s.png", m_scratch);
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("median"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("lowest"), std::string::npos) << run.out;
+    ASSERT_EQ(RunAxr("mpr phantom:32 --bits 16 --out s16.png", m_scratch).status, 0);
+    EXPECT_TRUE(OtherFiles({"s.png", "s16.png"}).empty());
+    EXPECT_EQ(Slurp(m_scratch / "s.png").substr(1, 3), "PNG");
+    EXPECT_EQ(RunAxr("mpr --help", m_scratch).out.find("Examples:") != std::string::npos, true);
+    EXPECT_NE(RunAxr("info --help", m_scratch).out.find("Examples:"), std::string::npos);
+}
+
+}  // namespace
