@@ -8,7 +8,7 @@
 #include "image_stack/imp/QelImageStackImp.h"
 #include "support/BaseTestSupport.h"
 #include "support/CountingMemoryManager.h"
-#include "threaded/RealFaults.h"
+#include "support/RealFaults.h"
 
 #include <gtest/gtest.h>
 

@@ -7,7 +7,7 @@
 #include "mpr/imp/QelImageStackSlabMprRendererWorker.h"
 #include "support/BaseTestSupport.h"
 #include "threaded/QelAborter.h"
-#include "threaded/RealFaults.h"
+#include "support/RealFaults.h"
 
 #include <gtest/gtest.h>
 

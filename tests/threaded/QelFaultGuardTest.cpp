@@ -1,6 +1,6 @@
 #include "threaded/QelFaultGuard.h"
 
-#include "RealFaults.h"
+#include "support/RealFaults.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 
 #include "threaded/QelSystemInfo.h"
 
-#include "RealFaults.h"
+#include "support/RealFaults.h"
 
 #include <gtest/gtest.h>
 

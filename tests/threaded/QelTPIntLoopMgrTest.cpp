@@ -4,7 +4,7 @@
 #include "threaded/QelSystemInfo.h"
 #include "threaded/imp/QelThreadPool.h"
 
-#include "RealFaults.h"
+#include "support/RealFaults.h"
 #include "support/BaseTestSupport.h"
 
 #include <gtest/gtest.h>
