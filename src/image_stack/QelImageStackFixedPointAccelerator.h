@@ -92,6 +92,9 @@ private:
     QelImageStackFixedPointAccelerator() noexcept = default;
 
     // Room for `count` records, all empty; false when no memory can be had.
+    // Every factory: `count` records, their z filled in by `fillZ`, then computed.
+    template <class FillZ>
+    [[nodiscard]] static std::unique_ptr<QelImageStackFixedPointAccelerator> Make(std::int64_t count, FillZ fillZ);
     [[nodiscard]] bool Allocate(std::int32_t count) noexcept;
     // Scale, offset and every record's fixed values from the records' z. False when
     // the z values break the fixed scale, which has been reported.

@@ -4,6 +4,7 @@
 #include "Phantom.h"
 #include "FileOutput.h"
 #include "PngWriter.h"
+#include "RenderView.h"
 #include "View.h"
 #include "Window.h"
 
@@ -29,7 +30,6 @@ using Ax::Rendering::ImageStack;
 using Ax::Rendering::MemoryRasterImage;
 using Ax::Rendering::MprRenderer;
 using Ax::Rendering::ProjectionMode;
-using Ax::Rendering::StatusCode;
 
 constexpr std::string_view kContext = "axr demo";
 constexpr Size kCanvas{512, 512};
@@ -172,19 +172,14 @@ int RunDemo(const DemoOptions& options, std::ostream& out, std::ostream& err)
     canvas.Resize(GrayscalePixelFormat::Gray16(), kCanvas);
     MprRenderer renderer(Ax::Rendering::InterpolationMode::TriLinear);
     for (const DemoView& view : DemoViews(*stack, options.size)) {
-        const auto volumeToView = InvertAffine(CanvasToVolume(view.plane, kCanvas));
-        const auto renderStart = std::chrono::steady_clock::now();
+        double renderMs = 0;
         try {
-            if (renderer.Render(*stack, kUndefined, volumeToView, view.mode, view.sliceCount, view.sliceSpacing, canvas,
-                                nullptr) != StatusCode::Finished) {
-                err << failed << view.name << " did not finish\n";
-                return kExitFailure;
-            }
-        } catch (const std::exception& e) {
-            err << failed << view.name << " failed: " << e.what() << '\n';
+            renderMs = RenderView(renderer, *stack, kUndefined, view.plane, view.mode, view.sliceCount,
+                                  view.sliceSpacing, canvas);
+        } catch (const RenderFailure& e) {
+            err << failed << view.name << ' ' << e.what() << '\n';
             return kExitFailure;
         }
-        const double renderMs = MillisecondsSince(renderStart);
         const std::filesystem::path path = options.outputFolder / (std::string(view.name) + ".png");
         try {
             const auto grey = ApplyWindow(view.window, CanvasPixels(canvas), kUndefined);

@@ -3,6 +3,7 @@
 #include "CommandLine.h"
 #include "FileOutput.h"
 #include "PngWriter.h"
+#include "RenderView.h"
 #include "View.h"
 #include "VolumeInput.h"
 #include "Window.h"
@@ -12,7 +13,6 @@
 #include "ax/rendering/MprRenderer.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <charconv>
 #include <cstring>
@@ -32,7 +32,6 @@ using Ax::Rendering::ImageStack;
 using Ax::Rendering::MemoryRasterImage;
 using Ax::Rendering::MprRenderer;
 using Ax::Rendering::ProjectionMode;
-using Ax::Rendering::StatusCode;
 
 constexpr std::string_view kInfo = "axr info";
 constexpr std::string_view kMpr = "axr mpr";
@@ -366,21 +365,15 @@ int RunMpr(const MprOptions& options, std::ostream& out, std::ostream& err)
     if (canvas.OriginAddress() == nullptr)
         throw std::bad_alloc();
     MprRenderer renderer(Ax::Rendering::InterpolationMode::TriLinear);
-    const auto volumeToView = InvertAffine(CanvasToVolume(plane, options.canvas));
     std::vector<double> times;
     for (std::int32_t run = 0; run < options.repeat; ++run) {
-        const auto start = std::chrono::steady_clock::now();
         try {
-            if (renderer.Render(*stack, undefined, volumeToView, options.mode, options.slices, options.spacing, canvas,
-                                nullptr) != StatusCode::Finished) {
-                err << kMpr << ": the render did not finish\n";
-                return kExitFailure;
-            }
-        } catch (const std::exception& e) {
-            err << kMpr << ": the render failed: " << e.what() << '\n';
+            times.push_back(RenderView(renderer, *stack, undefined, plane, options.mode, options.slices,
+                                       options.spacing, canvas));
+        } catch (const RenderFailure& e) {
+            err << kMpr << ": the render " << e.what() << '\n';
             return kExitFailure;
         }
-        times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
     }
     try {
         WriteOutput(options, canvas, isSigned, undefined);

@@ -35,63 +35,53 @@ std::int32_t ToInt32(double fixed) noexcept
 
 QelImageStackFixedPointAccelerator::~QelImageStackFixedPointAccelerator() = default;
 
-std::unique_ptr<QelImageStackFixedPointAccelerator> QelImageStackFixedPointAccelerator::New(
-    const QelImageStack& stack)
+template <class FillZ>
+std::unique_ptr<QelImageStackFixedPointAccelerator> QelImageStackFixedPointAccelerator::Make(std::int64_t count,
+                                                                                             FillZ fillZ)
 {
-    const std::int32_t count = stack.ImageCount();
     QEL_ASSERT(count >= 1, "The image stack must have at least one image !\n");
-    if (count < 1)
+    if (count < 1 || count > QelIntRange::kHighest)
         return nullptr;
     std::unique_ptr<QelImageStackFixedPointAccelerator> accelerator(new (std::nothrow)
                                                                         QelImageStackFixedPointAccelerator);
-    if (!accelerator || !accelerator->Allocate(count))
+    if (!accelerator || !accelerator->Allocate(static_cast<std::int32_t>(count)))
         return nullptr;
-    const QelImageRecord* slices = stack.Records();
-    for (std::int32_t i = 0; i < count; ++i) {
-        accelerator->m_records[i].Z = slices[i].Z;
-        accelerator->UpdateRecord(i, slices[i].Image);
-    }
+    fillZ(*accelerator);
     if (!accelerator->Compute())
         return nullptr;
     return accelerator;
+}
+
+std::unique_ptr<QelImageStackFixedPointAccelerator> QelImageStackFixedPointAccelerator::New(
+    const QelImageStack& stack)
+{
+    return Make(stack.ImageCount(), [&stack](QelImageStackFixedPointAccelerator& accelerator) {
+        const QelImageRecord* slices = stack.Records();
+        for (std::int32_t i = 0; i < accelerator.m_count; ++i) {
+            accelerator.m_records[i].Z = slices[i].Z;
+            accelerator.UpdateRecord(i, slices[i].Image);
+        }
+    });
 }
 
 std::unique_ptr<QelImageStackFixedPointAccelerator> QelImageStackFixedPointAccelerator::New(
     const QelArray<float>& zValues)
 {
-    const std::int64_t length = zValues.Length();
-    QEL_ASSERT(length >= 1, "The image stack must have at least one image !\n");
-    if (length < 1 || length > QelIntRange::kHighest)
-        return nullptr;
-    const auto count = static_cast<std::int32_t>(length);
-    std::unique_ptr<QelImageStackFixedPointAccelerator> accelerator(new (std::nothrow)
-                                                                        QelImageStackFixedPointAccelerator);
-    if (!accelerator || !accelerator->Allocate(count))
-        return nullptr;
-    const float* z = zValues.Data();
-    for (std::int32_t i = 0; i < count; ++i)
-        accelerator->m_records[i].Z = z[i];
-    if (!accelerator->Compute())
-        return nullptr;
-    return accelerator;
+    return Make(zValues.Length(), [&zValues](QelImageStackFixedPointAccelerator& accelerator) {
+        const float* z = zValues.Data();
+        for (std::int32_t i = 0; i < accelerator.m_count; ++i)
+            accelerator.m_records[i].Z = z[i];
+    });
 }
 
 std::unique_ptr<QelImageStackFixedPointAccelerator> QelImageStackFixedPointAccelerator::New(float firstZ, float lastZ,
                                                                                             std::int32_t count)
 {
-    QEL_ASSERT(count >= 1, "The image stack must have at least one image !\n");
-    if (count < 1)
-        return nullptr;
-    std::unique_ptr<QelImageStackFixedPointAccelerator> accelerator(new (std::nothrow)
-                                                                        QelImageStackFixedPointAccelerator);
-    if (!accelerator || !accelerator->Allocate(count))
-        return nullptr;
-    const double gap = (double{lastZ} - firstZ) / count;
-    for (std::int32_t i = 0; i < count; ++i)
-        accelerator->m_records[i].Z = static_cast<float>(firstZ + i * gap);
-    if (!accelerator->Compute())
-        return nullptr;
-    return accelerator;
+    return Make(count, [firstZ, lastZ](QelImageStackFixedPointAccelerator& accelerator) {
+        const double gap = (double{lastZ} - firstZ) / accelerator.m_count;
+        for (std::int32_t i = 0; i < accelerator.m_count; ++i)
+            accelerator.m_records[i].Z = static_cast<float>(firstZ + i * gap);
+    });
 }
 
 bool QelImageStackFixedPointAccelerator::Allocate(std::int32_t count) noexcept

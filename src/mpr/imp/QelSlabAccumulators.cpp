@@ -8,10 +8,8 @@ namespace {
 void SampleOne(const QelSlabVolume& volume, const QelSlabPolicy& policy, const QelSlabRow& row, std::int32_t j,
                const QelFixedPoint3& at, std::int32_t& hint) noexcept
 {
-    if (!QelSlabFindSlice(volume, at.Z, hint))
-        return;
-    const QelSlabPair pair = QelSlabPairAt(volume, at.Z, hint);
-    if (!pair.Lower || !pair.Upper)
+    QelSlabPair pair;
+    if (!QelSlabFindPair(volume, at.Z, hint, pair))
         return;
     std::uint32_t value = 0;
     if (QelSlabSampleAt(volume, pair, at.X, at.Y, value))
@@ -51,10 +49,8 @@ void PlaneRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabR
         const QelFixedPoint3 start =
             s == 0 ? row.P : QelSlabWrapAddScaled(row.Q, row.SlabStep, s - laterFirst);
         std::int32_t& hint = s == 0 ? firstHint : laterHint;
-        if (!QelSlabFindSlice(volume, start.Z, hint))
-            continue;
-        const QelSlabPair pair = QelSlabPairAt(volume, start.Z, hint);
-        if (!pair.Lower || !pair.Upper)
+        QelSlabPair pair;
+        if (!QelSlabFindPair(volume, start.Z, hint, pair))
             continue;
         QelFixedPoint3 at = start;
         for (std::int32_t j = 0; j < row.Pixels; ++j) {

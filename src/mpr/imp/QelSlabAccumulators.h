@@ -183,6 +183,17 @@ struct QelSlabPair {
     return {lower.Origin, upper.Origin, lower.BytesPerLine, upper.BytesPerLine, fz, onSlice};
 }
 
+/// The pair of a sample at fixed z `z`, looked up from hint `k`: false when the
+/// sample is skipped, outside the slices or on a slice without an image.
+[[gnu::always_inline]] inline bool QelSlabFindPair(const QelSlabVolume& volume, std::int32_t z, std::int32_t& k,
+                                                   QelSlabPair& pair) noexcept
+{
+    if (!QelSlabFindSlice(volume, z, k))
+        return false;
+    pair = QelSlabPairAt(volume, z, k);
+    return pair.Lower && pair.Upper;
+}
+
 /// Reads the eight corners of (xi, yi) in the order of QelSlabWeights.
 [[gnu::always_inline]] inline void QelSlabReadCorners(const QelSlabPair& pair, std::int32_t xi, std::int32_t yi,
                                                       std::uint16_t (&corners)[8]) noexcept

@@ -382,10 +382,8 @@ void SampleLanes(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& 
         slices.lowerPitch[l] = slices.upperPitch[l] = volume.SafeBytesPerLine;
         fz[l] = 0;
         valid[l] = 0;
-        if (!((activeBits >> l) & 1) || !QelSlabFindSlice(volume, zs[l], k))
-            continue;
-        const QelSlabPair pair = QelSlabPairAt(volume, zs[l], k);
-        if (!pair.Lower || !pair.Upper)
+        QelSlabPair pair;
+        if (!((activeBits >> l) & 1) || !QelSlabFindPair(volume, zs[l], k, pair))
             continue;
         slices.lower[l] = pair.Lower;
         slices.upper[l] = pair.Upper;
@@ -400,6 +398,16 @@ void SampleLanes(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& 
 // ---------------------------------------------------------------------------------
 // Rows.
 
+// 0, step, 2 x step, ... across the lanes, wrapping as the positions do.
+template <class V>
+typename V::I LaneMultiples(std::int32_t step) noexcept
+{
+    alignas(32) std::int32_t values[V::kLanes];
+    for (int l = 0; l < V::kLanes; ++l)
+        values[l] = QelSlabWrapMul(step, l);
+    return V::Load(values);
+}
+
 // Pixel by pixel, kLanes pixels at once, each group through all its samples.
 template <class V, class Lanes>
 void GeneralRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabRow& row) noexcept
@@ -410,15 +418,9 @@ void GeneralRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSla
     std::int32_t laterHint = QelSlabValidHint(volume, row.LaterHint);
     if (volume.SafeOrigin && volume.WidthLimit > 0 && volume.HeightLimit > 0) {
         const Constants<V> c(volume, policy);
-        alignas(32) std::int32_t steps[3][N];
-        for (int l = 0; l < N; ++l) {
-            steps[0][l] = QelSlabWrapMul(row.XStep.X, l);
-            steps[1][l] = QelSlabWrapMul(row.XStep.Y, l);
-            steps[2][l] = QelSlabWrapMul(row.XStep.Z, l);
-        }
-        const I laneX = V::Load(steps[0]);
-        const I laneY = V::Load(steps[1]);
-        const I laneZ = V::Load(steps[2]);
+        const I laneX = LaneMultiples<V>(row.XStep.X);
+        const I laneY = LaneMultiples<V>(row.XStep.Y);
+        const I laneZ = LaneMultiples<V>(row.XStep.Z);
         const std::int32_t laterFirst = row.FirstSample > 1 ? row.FirstSample : 1;
         // Every group starts its later samples at the same depth again: it starts
         // from the slice that the previous group found there.
@@ -570,23 +572,16 @@ void PlaneRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabR
     std::int32_t laterHint = QelSlabValidHint(volume, row.LaterHint);
     if (volume.SafeOrigin && volume.WidthLimit > 0 && volume.HeightLimit > 0) {
         const Constants<V> c(volume, policy);
-        alignas(32) std::int32_t steps[2][N];
-        for (int l = 0; l < N; ++l) {
-            steps[0][l] = QelSlabWrapMul(row.XStep.X, l);
-            steps[1][l] = QelSlabWrapMul(row.XStep.Y, l);
-        }
-        const I laneX = V::Load(steps[0]);
-        const I laneY = V::Load(steps[1]);
+        const I laneX = LaneMultiples<V>(row.XStep.X);
+        const I laneY = LaneMultiples<V>(row.XStep.Y);
         const std::int32_t laterFirst = row.FirstSample > 1 ? row.FirstSample : 1;
         const bool unitStep = row.XStep.X == 65536 && row.XStep.Y == 0;
         Stage<V> stage;
         for (std::int32_t s = row.FirstSample; s <= row.LastSample; ++s) {
             const QelFixedPoint3 start = s == 0 ? row.P : QelSlabWrapAddScaled(row.Q, row.SlabStep, s - laterFirst);
             std::int32_t& hint = s == 0 ? firstHint : laterHint;
-            if (!QelSlabFindSlice(volume, start.Z, hint))
-                continue;
-            const QelSlabPair pair = QelSlabPairAt(volume, start.Z, hint);
-            if (!pair.Lower || !pair.Upper)
+            QelSlabPair pair;
+            if (!QelSlabFindPair(volume, start.Z, hint, pair))
                 continue;
             std::int32_t first = 0;
             std::int32_t last = -1;
