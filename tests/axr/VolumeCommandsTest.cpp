@@ -1,3 +1,5 @@
+#include "TestVolumeFiles.h"
+
 #include "ax/primitives/Matrix44.h"
 #include "ax/rendering/ImageStack.h"
 #include "ax/rendering/Initializer.h"
@@ -61,6 +63,12 @@ std::vector<std::uint16_t> TestVolume(bool isSigned)
                 values.push_back(static_cast<std::uint16_t>(isSigned ? value - 2000 : value + 300));
             }
     return values;
+}
+
+void WriteBytes(const std::filesystem::path& path, const AxrTest::Bytes& bytes)
+{
+    std::ofstream out(path, std::ios::binary);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 void WriteRaw(const std::filesystem::path& path, const std::vector<std::uint16_t>& values, bool bigEndian)
@@ -142,26 +150,46 @@ void ExpectOneLine(const ToolRun& run)
     EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
 }
 
-TEST_F(VolumeCommandsTest, RawOutputIsTheLibrarysCanvasBitForBit)
+// The same samples in every format the tool reads: its output must be the library's
+// canvas for them, bit for bit, and the format only a way in.
+TEST_F(VolumeCommandsTest, EveryFormatRendersAsTheLibraryRendersItsStack)
 {
     struct Case {
         bool isSigned, bigEndian;
+        const char* file;
+        const char* header;  // before the samples; null for raw and NIfTI
         const char* options;
         double z;
         ProjectionMode mode;
         std::int32_t slices;
     };
     const Case cases[] = {
-        {false, false, "--type u16", kDepth / 2, ProjectionMode::Maximum, 1},
-        {true, true, "--type i16 --endian big --position 3 --mode mean --slices 3", 3, ProjectionMode::Average, 3},
-        {true, false, "--type i16 --position 6 --mode minip --slices 5", 6, ProjectionMode::Minimum, 5},
+        {false, false, "v.raw", nullptr, "--dims 24x16x8 --type u16", kDepth / 2, ProjectionMode::Maximum, 1},
+        {true, true, "v.raw", nullptr, "--dims 24x16x8 --type i16 --endian big --position 3 --mode mean --slices 3", 3,
+         ProjectionMode::Average, 3},
+        {true, false, "v.nrrd",
+         "NRRD0004\ntype: short\ndimension: 3\nsizes: 24 16 8\nspacings: 1 1 1\nendian: little\nencoding: raw\n\n",
+         "--position 6 --mode minip --slices 5", 6, ProjectionMode::Minimum, 5},
+        {false, true, "v.mha",
+         "NDims = 3\nDimSize = 24 16 8\nElementType = MET_USHORT\nBinaryDataByteOrderMSB = True\n"
+         "ElementDataFile = LOCAL\n",
+         "--position 2 --thickness 2", 2, ProjectionMode::Maximum, 3},
+        {true, false, "v.nii", nullptr, "--position 5", 5, ProjectionMode::Maximum, 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.options);
         const auto values = TestVolume(c.isSigned);
-        WriteRaw(m_scratch / "volume.raw", values, c.bigEndian);
-        const ToolRun run = RunAxr("mpr volume.raw --dims 24x16x8 " + std::string(c.options) +
-                                       " --view axial --size 24x24 --out plane.raw",
+        AxrTest::Bytes samples(values.size() * 2);
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            samples[2 * i + (c.bigEndian ? 1 : 0)] = static_cast<std::byte>(values[i] & 0xFF);
+            samples[2 * i + (c.bigEndian ? 0 : 1)] = static_cast<std::byte>(values[i] >> 8);
+        }
+        const std::string file(c.file);
+        WriteBytes(m_scratch / file, file == "v.nii"  ? AxrTest::Nifti({kWidth, kHeight, kDepth}, 4, 16, samples, 0, 0,
+                                                                       {1, 1, 1})
+                                     : c.header != nullptr ? AxrTest::Join(c.header, samples)
+                                                         : samples);
+        const ToolRun run = RunAxr("mpr " + file + " " + c.options + " --view axial --size 24x24 --out plane.raw",
                                    m_scratch);
         ASSERT_EQ(run.status, 0) << run.err;
         const auto expected =
@@ -171,6 +199,37 @@ TEST_F(VolumeCommandsTest, RawOutputIsTheLibrarysCanvasBitForBit)
         EXPECT_EQ(expected.front(), c.isSigned ? 0x8000 : 0xFFFF);
         EXPECT_NE(expected[kWidth * kWidth / 2], expected.front());
     }
+}
+
+// Slices 3 mm apart over 1 mm pixels: a coronal canvas of 1 mm pixels meets a slice
+// every third row, which it would not if the tool drew voxels as cubes.
+TEST_F(VolumeCommandsTest, ViewsHaveTrueProportions)
+{
+    AxrTest::Bytes samples;
+    for (std::int32_t z = 0; z < 4; ++z)
+        for (std::int32_t i = 0; i < 8 * 8; ++i) {
+            samples.push_back(static_cast<std::byte>(z * 100 & 0xFF));
+            samples.push_back(static_cast<std::byte>(z * 100 >> 8));
+        }
+    WriteBytes(m_scratch / "v.nrrd",
+               AxrTest::Join("NRRD0004\ntype: ushort\ndimension: 3\nsizes: 8 8 4\nspacings: 1 1 3\n"
+                             "endian: little\nencoding: raw\n\n",
+                             samples));
+    const ToolRun run = RunAxr("mpr v.nrrd --view coronal --size 12x12 --out c.raw", m_scratch);
+    ASSERT_EQ(run.status, 0) << run.err;
+    const auto pixels = ReadLittleEndian(Slurp(m_scratch / "c.raw"));
+    ASSERT_EQ(pixels.size(), 144u);
+    // The 9 mm of slices fill rows 1 .. 10, head at the top; columns 2 .. 9 hold the 8 pixels.
+    const auto at = [&](int row, int column) { return pixels[static_cast<std::size_t>(row * 12 + column)]; };
+    const std::pair<int, std::uint16_t> rows[] = {{0, 0xFFFF}, {1, 300}, {4, 200}, {7, 100}, {10, 0}, {11, 0xFFFF}};
+    for (const auto& [row, value] : rows) {
+        SCOPED_TRACE(row);
+        EXPECT_EQ(at(row, 5), value);
+        EXPECT_EQ(at(row, 1), 0xFFFF);
+        EXPECT_EQ(at(row, 2), value);
+    }
+    const ToolRun info = RunAxr("info v.nrrd", m_scratch);
+    EXPECT_NE(info.out.find("voxel     1 x 1 mm, z unit 3 mm"), std::string::npos) << info.out;
 }
 
 TEST_F(VolumeCommandsTest, PgmIsTheRawCanvasBigEndianBehindItsHeader)
@@ -197,7 +256,7 @@ TEST_F(VolumeCommandsTest, TruncatedRawExitsTwoAndWritesNothing)
         const ToolRun run = RunAxr("mpr short.raw --dims 8x8x1 --type u16 --out " + std::string(out), m_scratch);
         EXPECT_EQ(run.status, 2);
         ExpectOneLine(run);
-        EXPECT_NE(run.err.find("short.raw: 100 bytes, expected 128 for 8x8x1 u16"), std::string::npos) << run.err;
+        EXPECT_NE(run.err.find("short.raw: 100 bytes of samples, expected 128 for 8x8x1 u16"), std::string::npos) << run.err;
         EXPECT_TRUE(OtherFiles({"short.raw"}).empty());
     }
 }
@@ -207,7 +266,9 @@ TEST_F(VolumeCommandsTest, BadOptionsExitTwoWithOneLineAndNoFile)
     for (const char* arguments :
          {"--view top", "--mode avg", "--size 0x5", "--size 5", "--size 5x", "--size x5", "--window 40",
           "--window 40/0", "--position 16", "--slices 0", "--spacing -1", "--bits 12", "--dims 4x4x4",
-          "--out out.jpg", "--out"}) {
+          "--out out.jpg", "--thickness 5 --slices 3", "--normal 0,0,1 --view axial", "--up 0,0,1",
+          "--matrix 1,0,0,0,0,1,0,0,0,0,1", "--matrix 1,0,0,0,0,1,0,0,1,0,0,0", "--normal 0,0,0",
+          "--normal 0,0,1 --up 0,0,-2", "--threads 0", "--threads 100000", "--out"}) {
         SCOPED_TRACE(arguments);
         const ToolRun run = RunAxr("mpr phantom:16 --out out.png " + std::string(arguments), m_scratch);
         EXPECT_EQ(run.status, 2);

@@ -174,8 +174,8 @@ int RunDemo(const DemoOptions& options, std::ostream& out, std::ostream& err)
     for (const DemoView& view : DemoViews(*stack, options.size)) {
         double renderMs = 0;
         try {
-            renderMs = RenderView(renderer, *stack, kUndefined, view.plane, view.mode, view.sliceCount,
-                                  view.sliceSpacing, canvas);
+            renderMs = RenderView(renderer, *stack, kUndefined, VolumeToView(view.plane, kCanvas), view.mode,
+                                  view.sliceCount, view.sliceSpacing, canvas);
         } catch (const RenderFailure& e) {
             err << failed << view.name << ' ' << e.what() << '\n';
             return kExitFailure;

@@ -8,14 +8,14 @@
 namespace Axr {
 
 double RenderView(Ax::Rendering::MprRenderer& renderer, Ax::Rendering::ImageStack& stack, std::uint16_t undefined,
-                  const ViewPlane& plane, Ax::Rendering::ProjectionMode mode, std::int32_t sliceCount,
-                  float sliceSpacing, Ax::Rendering::RasterImage& canvas)
+                  const Ax::Primitives::Matrix44& volumeToView, Ax::Rendering::ProjectionMode mode,
+                  std::int32_t sliceCount, float sliceSpacing, Ax::Rendering::RasterImage& canvas,
+                  Ax::Rendering::IAborter* aborter)
 {
-    const auto volumeToView = InvertAffine(CanvasToVolume(plane, canvas.Dimensions()));
     const auto start = std::chrono::steady_clock::now();
     Ax::Rendering::StatusCode status{};
     try {
-        status = renderer.Render(stack, undefined, volumeToView, mode, sliceCount, sliceSpacing, canvas, nullptr);
+        status = renderer.Render(stack, undefined, volumeToView, mode, sliceCount, sliceSpacing, canvas, aborter);
     } catch (const std::exception& e) {
         throw RenderFailure(std::string("failed: ") + e.what());
     }

@@ -18,11 +18,13 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Renders `plane` of `stack` into `canvas`, a slab of `sliceCount` samples
-/// `sliceSpacing` voxels apart, with `undefined` where there is no data; returns the
-/// milliseconds the render took. Throws RenderFailure.
+/// Renders `stack` seen through `volumeToView` into `canvas`, a slab of `sliceCount` samples
+/// `sliceSpacing` view z units apart, with `undefined` where there is no data; returns the
+/// milliseconds the render took. `aborter`, when given, is polled before every step.
+/// Throws RenderFailure.
 double RenderView(Ax::Rendering::MprRenderer& renderer, Ax::Rendering::ImageStack& stack, std::uint16_t undefined,
-                  const ViewPlane& plane, Ax::Rendering::ProjectionMode mode, std::int32_t sliceCount,
-                  float sliceSpacing, Ax::Rendering::RasterImage& canvas);
+                  const Ax::Primitives::Matrix44& volumeToView, Ax::Rendering::ProjectionMode mode,
+                  std::int32_t sliceCount, float sliceSpacing, Ax::Rendering::RasterImage& canvas,
+                  Ax::Rendering::IAborter* aborter = nullptr);
 
 }  // namespace Axr

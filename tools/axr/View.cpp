@@ -12,12 +12,20 @@ Vec3 Cross(const Vec3& a, const Vec3& b) noexcept
     return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
 }
 
+double Dot(const Vec3& a, const Vec3& b) noexcept { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
+
+Vec3 Normalized(const Vec3& v) noexcept
+{
+    const double length = std::sqrt(Dot(v, v));
+    return length == 0 ? v : Vec3{v[0] / length, v[1] / length, v[2] / length};
+}
+
 Vec3 Rotate(const Vec3& v, const Vec3& axis, double degrees) noexcept
 {
     const double angle = degrees * std::numbers::pi / 180.0;
     const double c = std::cos(angle), s = std::sin(angle);
     const Vec3 k = Cross(axis, v);
-    const double dot = axis[0] * v[0] + axis[1] * v[1] + axis[2] * v[2];
+    const double dot = Dot(axis, v);
     Vec3 r;
     for (int i = 0; i < 3; ++i)
         r[i] = v[i] * c + k[i] * s + axis[i] * dot * (1 - c);
@@ -30,12 +38,18 @@ Matrix44 CanvasToVolume(const ViewPlane& plane, Ax::Primitives::Size canvas) noe
     const double cx = (canvas.Width - 1) / 2.0, cy = (canvas.Height - 1) / 2.0;
     Matrix44 m;
     for (int i = 0; i < 3; ++i) {
-        m(i, 0) = plane.across[i] * plane.pixelSpacing;
-        m(i, 1) = plane.down[i] * plane.pixelSpacing;
-        m(i, 2) = normal[i];
-        m(i, 3) = plane.centre[i] - cx * m(i, 0) - cy * m(i, 1);
+        const double toVolume = 1.0 / plane.voxelSize[i];
+        m(i, 0) = plane.across[i] * plane.pixelSpacing * toVolume;
+        m(i, 1) = plane.down[i] * plane.pixelSpacing * toVolume;
+        m(i, 2) = normal[i] * plane.depthUnit * toVolume;
+        m(i, 3) = plane.centre[i] * toVolume - cx * m(i, 0) - cy * m(i, 1);
     }
     return m;
+}
+
+Matrix44 VolumeToView(const ViewPlane& plane, Ax::Primitives::Size canvas) noexcept
+{
+    return InvertAffine(CanvasToVolume(plane, canvas));
 }
 
 Matrix44 InvertAffine(const Matrix44& m) noexcept

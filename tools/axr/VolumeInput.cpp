@@ -1,36 +1,64 @@
 #include "VolumeInput.h"
 
 #include "CommandLine.h"
+#include "MetaImageReader.h"
+#include "NiftiReader.h"
+#include "NrrdReader.h"
 #include "Phantom.h"
+#include "VolumeFile.h"
 
 #include "ax/rendering/Initializer.h"
-#include "ax/rendering/MemoryRasterImage.h"
-
-#include <cerrno>
-#include <charconv>
-#include <cstring>
-#include <fstream>
-#include <vector>
 
 namespace Axr {
 
 namespace {
 
-using Ax::Primitives::GrayscalePixelFormat;
-using Ax::Primitives::Size;
-using Ax::Rendering::ImageStack;
-using Ax::Rendering::MemoryRasterImage;
-
-// The stack holds at most this many images; wider slices would only exhaust memory.
-constexpr std::int32_t kMaxDepth = 16384;
-constexpr std::int32_t kMaxSide = 65536;
+constexpr std::string_view kKnownInputs =
+    "not a DICOM folder, .nrrd, .nhdr, .mha, .mhd, .nii or .nii.gz; a raw file needs --dims WxHxD and --type";
 
 [[nodiscard]] std::string Prefix(std::string_view context) { return std::string(context) + ": "; }
 
 [[nodiscard]] bool ParseDimension(std::string_view text, std::int32_t max, std::int32_t& value)
 {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return error == std::errc{} && end == text.data() + text.size() && value >= 1 && value <= max;
+    return ParseNumber(text, value) && value >= 1 && value <= max;
+}
+
+// The layout of a headerless raw file, from --dims, --type and --endian; 1 mm voxels,
+// since the file can't say otherwise.
+[[nodiscard]] SampleFile ParseRawLayout(std::string_view context, const VolumeSource& source)
+{
+    const std::string at = Prefix(context) + source.input + ": ";
+    if (!source.dims || !source.type)
+        throw UsageError(at + std::string(kKnownInputs));
+    SampleFile file;
+    const std::string& dims = *source.dims;
+    const auto x1 = dims.find('x');
+    const auto x2 = x1 == std::string::npos ? x1 : dims.find('x', x1 + 1);
+    const std::string_view text(dims);
+    if (x2 == std::string::npos || !ParseDimension(text.substr(0, x1), kMaxSide, file.size[0]) ||
+        !ParseDimension(text.substr(x1 + 1, x2 - x1 - 1), kMaxSide, file.size[1]) ||
+        !ParseDimension(text.substr(x2 + 1), kMaxSlices, file.size[2]))
+        throw UsageError(at + "--dims wants WxHxD, each at least 1 (depth at most " + std::to_string(kMaxSlices) +
+                         "), not '" + dims + "'");
+    const auto type = ScalarTypeNamed(*source.type);
+    if (!type)
+        throw UsageError(at + "--type wants u8, i8, u16, i16, u32, i32, f32 or f64, not '" + *source.type + "'");
+    file.type = *type;
+    if (source.endian) {
+        if (*source.endian != "little" && *source.endian != "big")
+            throw UsageError(at + "--endian wants little or big, not '" + *source.endian + "'");
+        file.byteOrder = *source.endian == "big" ? std::endian::big : std::endian::little;
+    }
+    return file;
+}
+
+[[nodiscard]] bool HasExtension(const std::filesystem::path& path, std::initializer_list<std::string_view> endings)
+{
+    const std::string name = path.filename().string();
+    for (std::string_view ending : endings)
+        if (name.size() > ending.size() && name.ends_with(ending))
+            return true;
+    return false;
 }
 
 }  // namespace
@@ -42,6 +70,7 @@ bool ParseVolumeOption(std::string_view context, std::span<const std::string> ar
     std::optional<std::string>* target = option == "--dims"     ? &source.dims
                                          : option == "--type"   ? &source.type
                                          : option == "--endian" ? &source.endian
+                                         : option == "--series" ? &source.series
                                                                 : nullptr;
     if (target == nullptr)
         return false;
@@ -56,96 +85,45 @@ bool IsPhantomInput(std::string_view input) noexcept
     return input == "phantom" || input.starts_with("phantom:");
 }
 
-RawLayout ParseRawLayout(std::string_view context, const VolumeSource& source)
-{
-    const std::string at = Prefix(context) + source.input + ": ";
-    if (!source.dims || !source.type)
-        throw UsageError(at + "a raw file needs --dims WxHxD and --type u16|i16");
-    RawLayout layout;
-    const std::string& dims = *source.dims;
-    const auto x1 = dims.find('x');
-    const auto x2 = x1 == std::string::npos ? x1 : dims.find('x', x1 + 1);
-    const std::string_view text(dims);
-    if (x2 == std::string::npos || !ParseDimension(text.substr(0, x1), kMaxSide, layout.width) ||
-        !ParseDimension(text.substr(x1 + 1, x2 - x1 - 1), kMaxSide, layout.height) ||
-        !ParseDimension(text.substr(x2 + 1), kMaxDepth, layout.depth))
-        throw UsageError(at + "--dims wants WxHxD, each at least 1 (depth at most " + std::to_string(kMaxDepth) +
-                         "), not '" + dims + "'");
-    if (*source.type == "u16")
-        layout.type = SampleType::U16;
-    else if (*source.type == "i16")
-        layout.type = SampleType::I16;
-    else
-        throw UsageError(at + "--type wants u16 or i16, not '" + *source.type + "'");
-    if (source.endian) {
-        if (*source.endian == "little")
-            layout.byteOrder = std::endian::little;
-        else if (*source.endian == "big")
-            layout.byteOrder = std::endian::big;
-        else
-            throw UsageError(at + "--endian wants little or big, not '" + *source.endian + "'");
-    }
-    return layout;
-}
-
-std::string Describe(const RawLayout& layout)
-{
-    return std::to_string(layout.width) + "x" + std::to_string(layout.height) + "x" + std::to_string(layout.depth) +
-           (layout.type == SampleType::I16 ? " i16" : " u16");
-}
-
-std::unique_ptr<ImageStack> ReadRawVolume(const std::filesystem::path& path, const RawLayout& layout)
-{
-    const std::string name = path.string();
-    std::error_code error;
-    const std::uintmax_t actual = std::filesystem::file_size(path, error);
-    if (error)
-        throw InputError(name + ": cannot read: " + error.message());
-    const std::size_t rowBytes = static_cast<std::size_t>(layout.width) * sizeof(std::uint16_t);
-    const std::size_t sliceBytes = rowBytes * static_cast<std::size_t>(layout.height);
-    const std::uintmax_t expected = static_cast<std::uintmax_t>(sliceBytes) * static_cast<std::uintmax_t>(layout.depth);
-    if (actual != expected)
-        throw InputError(name + ": " + std::to_string(actual) + " bytes, expected " + std::to_string(expected) +
-                         " for " + Describe(layout));
-
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw InputError(name + ": cannot open: " + std::strerror(errno));
-    const bool swap = layout.byteOrder != std::endian::native;
-    const GrayscalePixelFormat format(2, layout.type == SampleType::I16);
-    auto stack = std::make_unique<ImageStack>();
-    std::vector<std::uint8_t> bytes(sliceBytes);
-    for (std::int32_t k = 0; k < layout.depth; ++k) {
-        if (!in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size())))
-            throw InputError(name + ": read failed in slice " + std::to_string(k));
-        if (swap)
-            for (std::size_t b = 0; b + 1 < bytes.size(); b += 2)
-                std::swap(bytes[b], bytes[b + 1]);
-        auto slice = std::make_shared<MemoryRasterImage>();
-        slice->Resize(format, Size(layout.width, layout.height));
-        if (slice->OriginAddress() == nullptr)
-            throw std::bad_alloc();
-        // Rows may be padded in the slice, so copy them one by one.
-        for (std::int32_t row = 0; row < layout.height; ++row)
-            std::memcpy(slice->GetPixelAddress(0, row), bytes.data() + static_cast<std::size_t>(row) * rowBytes,
-                        rowBytes);
-        if (!stack->InsertImage(std::move(slice), k))
-            throw InputError(name + ": the image stack refused slice " + std::to_string(k));
-    }
-    return stack;
-}
-
-std::unique_ptr<ImageStack> LoadVolume(std::string_view context, const VolumeSource& source)
+Volume LoadVolume(std::string_view context, const VolumeSource& source)
 {
     Ax::Rendering::Initializer::Initialize();
-    if (!IsPhantomInput(source.input))
-        return ReadRawVolume(source.input, ParseRawLayout(context, source));
-    if (source.dims || source.type || source.endian)
-        throw UsageError(Prefix(context) + "--dims, --type and --endian are for raw files, not the phantom");
-    PhantomOptions options;
-    if (source.input != "phantom")
-        options.size = ParseIntOption(context, "phantom:N", std::string_view(source.input).substr(8), 16, 1024);
-    return MakePhantom(options);
+    const bool rawOptions = source.dims || source.type || source.endian;
+    if (IsPhantomInput(source.input)) {
+        if (rawOptions || source.series)
+            throw UsageError(Prefix(context) + "--dims, --type, --endian and --series are for files, not the phantom");
+        PhantomOptions options;
+        if (source.input != "phantom")
+            options.size = ParseIntOption(context, "phantom:N", std::string_view(source.input).substr(8), 16, 1024);
+        Volume volume;
+        volume.stack = MakePhantom(options);
+        volume.format = "phantom";
+        volume.columnSpacing = volume.rowSpacing = volume.zUnit = PhantomVoxelMillimetres(options.size);
+        volume.conversion.offset = 1024;
+        return volume;
+    }
+    const std::filesystem::path path(source.input);
+    if (source.series && !std::filesystem::is_directory(path))
+        throw UsageError(Prefix(context) + "--series is for DICOM folders");
+    if (rawOptions && !std::filesystem::is_directory(path)) {
+        const SampleFile file = ParseRawLayout(context, source);
+        const auto bytes = ReadWholeFile(path);
+        Volume volume = VolumeFromSamples(source.input, "raw", file, LoadSamples(source.input, file, bytes, false));
+        volume.notes.assign(1, "a raw file says nothing of its voxel size: 1 mm assumed");
+        return volume;
+    }
+    if (rawOptions)
+        throw UsageError(Prefix(context) + "--dims, --type and --endian are for raw files");
+    if (HasExtension(path, {".nrrd", ".nhdr"}))
+        return ReadNrrd(path);
+    if (HasExtension(path, {".mha", ".mhd"}))
+        return ReadMetaImage(path);
+    if (HasExtension(path, {".nii", ".nii.gz"}))
+        return ReadNifti(path);
+    std::error_code error;
+    if (!std::filesystem::exists(path, error))
+        throw InputError(source.input + ": no such file or folder");
+    throw UsageError(Prefix(context) + source.input + ": " + std::string(kKnownInputs));
 }
 
 }  // namespace Axr

@@ -1,8 +1,9 @@
 #pragma once
 
+#include "StackBuilder.h"
+
 #include "ax/rendering/ImageStack.h"
 
-#include <bit>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -11,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Axr {
 
@@ -22,24 +24,28 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-enum class SampleType { U16, I16 };
-
-/// How a headerless raw file is laid out: width x height pixels per slice, depth
-/// slices one after the other, rows top to bottom.
-struct RawLayout {
-    std::int32_t width = 0, height = 0, depth = 0;
-    SampleType type = SampleType::U16;
-    std::endian byteOrder = std::endian::little;
+/// A volume read for the tool: the stack and what the file said of its geometry.
+/// Stack x and y are pixel columns and rows; stack z is in units of `zUnit`
+/// millimetres, a nominal slice spacing the reader chose, so that uneven spacing
+/// stays exact and z stays small.
+struct Volume {
+    std::unique_ptr<Ax::Rendering::ImageStack> stack;
+    double columnSpacing = 1;  // mm from one pixel to the next across a row
+    double rowSpacing = 1;     // mm from one row to the next
+    double zUnit = 1;          // mm per stack z unit
+    std::string format;        // "phantom", "raw", "NRRD", "MetaImage", "NIfTI", "DICOM"
+    StackConversion conversion;
+    std::vector<std::string> notes;  // what the reader chose or noticed, one line each
 };
 
 /// The input argument with its raw-layout options, gathered while a command parses
 /// its arguments.
 struct VolumeSource {
-    std::string input;  // "phantom", "phantom:N" or a file path
-    std::optional<std::string> dims, type, endian;
+    std::string input;  // "phantom", "phantom:N", a DICOM folder or a file path
+    std::optional<std::string> dims, type, endian, series;
 };
 
-/// Consumes --dims, --type or --endian with its value at arguments[i] into `source`;
+/// Consumes --dims, --type, --endian or --series with its value at arguments[i] into `source`;
 /// false when arguments[i] is none of them. Throws UsageError for a missing value.
 bool ParseVolumeOption(std::string_view context, std::span<const std::string> arguments, std::size_t& i,
                        VolumeSource& source);
@@ -47,23 +53,10 @@ bool ParseVolumeOption(std::string_view context, std::span<const std::string> ar
 /// True for "phantom" and "phantom:<anything>".
 [[nodiscard]] bool IsPhantomInput(std::string_view input) noexcept;
 
-/// The checked raw layout of `source`; throws UsageError for a missing or malformed
-/// option. Only for file inputs.
-[[nodiscard]] RawLayout ParseRawLayout(std::string_view context, const VolumeSource& source);
-
-/// "128x128x64 u16", as errors quote a layout.
-[[nodiscard]] std::string Describe(const RawLayout& layout);
-
-/// Reads `path` laid out as `layout` into a new stack, slice k at z = k, signed data
-/// in signed slices. Throws InputError when the file can't be read or its size
-/// differs from the layout's.
-[[nodiscard]] std::unique_ptr<Ax::Rendering::ImageStack> ReadRawVolume(const std::filesystem::path& path,
-                                                                       const RawLayout& layout);
-
-/// The volume `source` names: the built-in phantom (default 256 per axis) or a raw
-/// file. Throws UsageError for wrong options, InputError for an unreadable file.
-/// Initializes the library.
-[[nodiscard]] std::unique_ptr<Ax::Rendering::ImageStack> LoadVolume(std::string_view context,
-                                                                    const VolumeSource& source);
+/// The volume `source` names: the built-in phantom (default 256 per axis), a DICOM
+/// series folder, a NRRD, MetaImage or NIfTI file by its extension, or a raw file
+/// described by --dims and --type. Throws UsageError for wrong options, InputError
+/// for an unreadable file. Initializes the library.
+[[nodiscard]] Volume LoadVolume(std::string_view context, const VolumeSource& source);
 
 }  // namespace Axr

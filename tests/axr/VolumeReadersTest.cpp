@@ -1,0 +1,224 @@
+#include "TestVolumeFiles.h"
+#include "VolumeInput.h"
+
+#include "ax/rendering/MemoryRasterImage.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace AxrTest;
+
+constexpr std::int32_t kW = 6, kH = 5, kD = 4;
+
+// Values that differ along every axis and go negative, so a swapped axis, byte order
+// or sign shows.
+[[nodiscard]] std::int32_t ValueAt(std::int32_t x, std::int32_t y, std::int32_t z) { return x * 7 + y * 61 + z * 401 - 300; }
+
+template <typename T>
+[[nodiscard]] Bytes Samples(std::endian order, std::int32_t offset = 0)
+{
+    Bytes bytes;
+    for (std::int32_t z = 0; z < kD; ++z)
+        for (std::int32_t y = 0; y < kH; ++y)
+            for (std::int32_t x = 0; x < kW; ++x) {
+                const T value = static_cast<T>(ValueAt(x, y, z) + offset);
+                std::byte raw[sizeof(T)];
+                std::memcpy(raw, &value, sizeof value);
+                if (order != std::endian::native)
+                    std::reverse(std::begin(raw), std::end(raw));
+                bytes.insert(bytes.end(), std::begin(raw), std::end(raw));
+            }
+    return bytes;
+}
+
+// The same header with every field in the other byte order.
+[[nodiscard]] Bytes Swapped(Bytes nifti)
+{
+    const auto flip = [&](std::size_t at, std::size_t size) {
+        std::reverse(nifti.begin() + static_cast<std::ptrdiff_t>(at), nifti.begin() + static_cast<std::ptrdiff_t>(at + size));
+    };
+    flip(0, 4);
+    for (std::size_t at = 40; at < 76; at += 2)
+        flip(at, 2);
+    for (std::size_t at = 76; at < 120; at += 4)
+        flip(at, 4);
+    for (std::size_t at = 352; at + 2 <= nifti.size(); at += 2)
+        flip(at, 2);
+    return nifti;
+}
+
+const std::string kNrrdI16 = "NRRD0004\n# a comment\ntype: short\ndimension: 3\nsizes: 6 5 4\n"
+                             "space directions: (0.5,0,0) (0,0.5,0) (0,0,2)\nendian: little\nencoding: raw\n\n";
+const std::string kMhaI16 = "ObjectType = Image\nNDims = 3\nDimSize = 6 5 4\nElementType = MET_SHORT\n"
+                            "ElementSpacing = 0.5 0.5 2\nBinaryDataByteOrderMSB = False\nElementDataFile = LOCAL\n";
+
+class VolumeReadersTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_folder = std::filesystem::temp_directory_path() /
+                   ("axr-readers-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+        std::filesystem::remove_all(m_folder);
+        std::filesystem::create_directories(m_folder);
+    }
+    void TearDown() override { std::filesystem::remove_all(m_folder); }
+
+    std::filesystem::path Write(const std::string& name, const Bytes& bytes) const
+    {
+        std::ofstream out(m_folder / name, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        return m_folder / name;
+    }
+
+    static Axr::Volume Load(const std::filesystem::path& path)
+    {
+        Axr::VolumeSource source;
+        source.input = path.string();
+        return Axr::LoadVolume("test", source);
+    }
+
+    std::filesystem::path m_folder;
+};
+
+// Every voxel of `volume` is ValueAt + `offset`, read as the stack's signedness.
+void ExpectValues(const Axr::Volume& volume, bool isSigned, std::int32_t offset)
+{
+    const auto& stack = *volume.stack;
+    ASSERT_EQ(stack.NumberOfImages(), kD);
+    ASSERT_EQ(stack.ImageDimensions().Width, kW);
+    ASSERT_EQ(stack.ImageDimensions().Height, kH);
+    ASSERT_EQ(stack.PixelFormat()->IsSigned(), isSigned);
+    for (std::int32_t z = 0; z < kD; ++z) {
+        EXPECT_EQ(stack[z].ZCoord(), z);
+        for (std::int32_t y = 0; y < kH; ++y)
+            for (std::int32_t x = 0; x < kW; ++x) {
+                std::uint16_t raw;
+                std::memcpy(&raw, stack[z].Image()->GetPixelAddress(x, y), 2);
+                const std::int32_t value = isSigned ? static_cast<std::int16_t>(raw) : raw;
+                ASSERT_EQ(value, ValueAt(x, y, z) + offset) << x << ',' << y << ',' << z;
+            }
+    }
+}
+
+TEST_F(VolumeReadersTest, EveryFormatGivesItsSamplesVoxelForVoxelWithItsVoxelSize)
+{
+    const auto little = std::endian::little, big = std::endian::big;
+    struct Case {
+        const char* name;
+        std::function<Bytes()> file;
+        bool isSigned;
+        std::int32_t offset;  // stack value - ValueAt
+        double columnSpacing, zUnit;
+    };
+    const std::string nrrdU16 = "NRRD0005\ntype: uint16\ndimension: 3\nsizes: 6 5 4\nspacings: 0.8 0.8 3\n"
+                                "endian: big\nencoding: gzip\n\n";
+    const std::string mhaU16 = "NDims = 3\nDimSize = 6 5 4\nElementType = MET_USHORT\nElementSpacing = 1 1 1.5\n"
+                               "BinaryDataByteOrderMSB = True\nCompressedData = True\nElementDataFile = LOCAL\n";
+    const Case cases[] = {
+        {"a.nrrd", [&] { return Join(kNrrdI16, Samples<std::int16_t>(little)); }, true, 0, 0.5, 2},
+        {"b.nrrd", [&] { return Join(nrrdU16, Deflate(Samples<std::uint16_t>(big, 300), true)); }, false, 300, 0.8, 3},
+        {"c.mha", [&] { return Join(kMhaI16, Samples<std::int16_t>(little)); }, true, 0, 0.5, 2},
+        {"d.mha", [&] { return Join(mhaU16, Deflate(Samples<std::uint16_t>(big, 300), false)); }, false, 300, 1, 1.5},
+        {"e.nii", [&] { return Nifti({kW, kH, kD}, 4, 16, Samples<std::int16_t>(std::endian::native)); }, true, 0, 0.75, 2.5},
+        // Stored + 1000, rescaled by - 1000: the values themselves again.
+        {"f.nii", [&] { return Swapped(Nifti({kW, kH, kD}, 4, 16, Samples<std::int16_t>(std::endian::native, 1000), 1, -1000)); },
+         true, 0, 0.75, 2.5},
+        {"g.nii.gz", [&] { return Deflate(Nifti({kW, kH, kD}, 16, 32, Samples<float>(std::endian::native)), true); }, true, 0, 0.75,
+         2.5},
+        {"h.nii", [&] { return Nifti({kW, kH, kD}, 768, 32, Samples<std::uint32_t>(std::endian::native, 300)); }, false, 300, 0.75,
+         2.5},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Axr::Volume volume = Load(Write(c.name, c.file()));
+        ExpectValues(volume, c.isSigned, c.offset);
+        EXPECT_DOUBLE_EQ(volume.columnSpacing, c.columnSpacing);
+        EXPECT_DOUBLE_EQ(volume.zUnit, c.zUnit);
+    }
+}
+
+TEST_F(VolumeReadersTest, DetachedDataFilesAreFoundBesideTheHeader)
+{
+    Write("data.raw", Samples<std::int16_t>(std::endian::big));
+    Write("v.nhdr", Join("NRRD0004\ntype: int16\ndimension: 3\nsizes: 6 5 4\nendian: big\nencoding: raw\n"
+                         "data file: data.raw\n",
+                         {}));
+    ExpectValues(Load(m_folder / "v.nhdr"), true, 0);
+    Write("v.mhd", Join("NDims = 3\nDimSize = 6 5 4\nElementType = MET_SHORT\nElementByteOrderMSB = True\n"
+                        "ElementDataFile = data.raw\n",
+                        {}));
+    ExpectValues(Load(m_folder / "v.mhd"), true, 0);
+}
+
+TEST_F(VolumeReadersTest, DamagedFilesGiveOneLineNamingTheFieldAndNeverAllocateWhatTheyClaim)
+{
+    const Bytes samples = Samples<std::int16_t>(std::endian::little);
+    const Bytes truncated(samples.begin(), samples.end() - 7);
+    const auto withHeader = [&](std::string header, const std::string& from, const std::string& to) {
+        header.replace(header.find(from), from.size(), to);
+        return Join(header, samples);
+    };
+    Bytes nifti = Nifti({kW, kH, kD}, 4, 16, samples);
+    Bytes niftiBadType = nifti;
+    Put<std::int16_t>(niftiBadType, 70, 128);  // RGB
+    Bytes nifti4d = nifti;
+    Put<std::int16_t>(nifti4d, 40, 4);
+    Put<std::int16_t>(nifti4d, 48, 3);
+    const Bytes gzipped = Deflate(Nifti({kW, kH, kD}, 4, 16, samples), true), deflated = Deflate(samples, true);
+    struct Case {
+        const char* name;
+        Bytes bytes;
+        const char* message;
+    };
+    const Case cases[] = {
+        {"t.nrrd", Join(kNrrdI16, truncated), "233 bytes of samples, expected 240 for 6x5x4 i16"},
+        {"m.nrrd", Join("PNG\n", samples), "not a NRRD file"},
+        {"s.nrrd", withHeader(kNrrdI16, "sizes: 6 5 4", "sizes: 6 5"), "\"sizes: 6 5\": wants one size per dimension"},
+        {"y.nrrd", withHeader(kNrrdI16, "short", "long long"), "\"type: long long\": not a sample type"},
+        {"e.nrrd", withHeader(kNrrdI16, "raw", "bzip2"), "\"encoding: bzip2\": the tool reads raw and gzip"},
+        {"n.nrrd", withHeader(kNrrdI16, "endian: little\n", ""), "the header has no \"endian\" field"},
+        // A gzip header claiming a 65536 x 65536 x 16384 volume from a few bytes.
+        {"z.nrrd", Join("NRRD0004\ntype: short\ndimension: 3\nsizes: 65536 65536 16384\nendian: little\n"
+                        "encoding: gzip\n\n",
+                        deflated),
+         "compressed bytes can't hold"},
+        {"g.nrrd", Join("NRRD0004\ntype: short\ndimension: 3\nsizes: 6 5 4\nendian: little\nencoding: gzip\n\n",
+                        Bytes(deflated.begin(), deflated.end() - 20)),
+         "cut short"},
+        {"t.mha", Join(kMhaI16, truncated), "233 bytes of samples, expected 240"},
+        {"d.mha", withHeader(kMhaI16, "DimSize = 6 5 4", "DimSize = 6 0 4"), "\"DimSize = 6 0 4\": each size"},
+        {"c.mha", withHeader(kMhaI16, "ObjectType = Image\n", "ElementNumberOfChannels = 3\n"),
+         "the tool reads one channel"},
+        {"l.mha", withHeader(kMhaI16, "ElementDataFile = LOCAL\n", ""), "no ElementDataFile line ends the header"},
+        {"x.mhd", withHeader(kMhaI16, "LOCAL", "missing.raw"), "missing.raw: cannot read"},
+        {"t.nii", Bytes(nifti.begin(), nifti.end() - 1), "239 bytes of samples, expected 240"},
+        {"h.nii", Bytes(nifti.begin(), nifti.begin() + 200), "too short for a NIfTI-1 header"},
+        {"r.nii", niftiBadType, "datatype 128 is not a sample type"},
+        {"4.nii", nifti4d, "dim[4] is 3; the tool reads one volume"},
+        {"t.nii.gz", Bytes(gzipped.begin(), gzipped.end() - 30), "cut short"},
+        {"v.raw", samples, "a raw file needs --dims WxHxD and --type"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto path = Write(c.name, c.bytes);
+        try {
+            (void)Load(path);
+            ADD_FAILURE() << "no error";
+        } catch (const std::exception& e) {
+            const std::string text = e.what();
+            EXPECT_NE(text.find(c.message), std::string::npos) << text;
+            EXPECT_EQ(text.find('\n'), std::string::npos) << text;
+        }
+    }
+}
+
+}  // namespace
