@@ -45,38 +45,30 @@ private:
     bool m_armed = false;
 };
 
-TEST_F(QelDebugTest, FirstUseInstallsAnArmedThrowingHandler)
-{
-    QelBugHandler* handler = QelDebug::BugHandler();
-    ASSERT_NE(handler, nullptr);
-    EXPECT_NE(dynamic_cast<Handler*>(handler), nullptr);
-    EXPECT_TRUE(handler->IsArmed());
-    EXPECT_EQ(QelDebug::BugHandler(), handler);
-}
-
-TEST_F(QelDebugTest, SettingNullDisarmsTheOldHandlerAndTheNextUseMakesANewDefault)
+TEST_F(QelDebugTest, FirstUseArmsAThrowingDefaultAndSettingNullDisarmsIt)
 {
     QelBugHandler* first = QelDebug::BugHandler();
-    std::unique_ptr<QelBugHandler> old = QelDebug::SetBugHandler(nullptr);
+    EXPECT_NE(dynamic_cast<Handler*>(first), nullptr);
+    EXPECT_TRUE(first->IsArmed());
+    EXPECT_EQ(QelDebug::BugHandler(), first);
+
+    const std::unique_ptr<QelBugHandler> old = QelDebug::SetBugHandler(nullptr);
     ASSERT_EQ(old.get(), first);
     EXPECT_FALSE(old->IsArmed());
-    QelBugHandler* second = QelDebug::BugHandler();
-    EXPECT_TRUE(second->IsArmed());
+    EXPECT_TRUE(QelDebug::BugHandler()->IsArmed());
 }
 
 TEST_F(QelDebugTest, ThrowingHandlerRefusesMisuseWithItsTexts)
 {
     Handler handler;
-    EXPECT_EQ(MessageOf<Handler::ErrorException>([&] { handler.Assert("f", 1); }),
-              "QelThrowBugHandler::Assert(..): object must be armed");
-    EXPECT_EQ(MessageOf<Handler::ErrorException>([&] { handler.Error("f", 1); }), "Error() object must be armed");
-    EXPECT_EQ(MessageOf<Handler::ErrorException>([&] { handler.Trace("f", 1); }),
-              "QelThrowBugHandler::Trace(..): object must be armed");
-    EXPECT_EQ(MessageOf<Handler::ErrorException>([&] { handler.Flush(); }), "Error() object must be armed");
-    EXPECT_EQ(MessageOf<Handler::ErrorException>([&] { handler.Disarm(); }),
-              "QelThrowBugHandler::Disarm(): object must be armed");
+    const auto refusal = [](auto call) { return MessageOf<Handler::ErrorException>(call); };
+    EXPECT_EQ(refusal([&] { handler.Assert("f", 1); }), "QelThrowBugHandler::Assert(..): object must be armed");
+    EXPECT_EQ(refusal([&] { handler.Trace("f", 1); }), "QelThrowBugHandler::Trace(..): object must be armed");
+    EXPECT_EQ(refusal([&] { handler.Error("f", 1); }), "Error() object must be armed");
+    EXPECT_EQ(refusal([&] { handler.Flush(); }), "Error() object must be armed");
+    EXPECT_EQ(refusal([&] { handler.Disarm(); }), "QelThrowBugHandler::Disarm(): object must be armed");
     EXPECT_TRUE(handler.Arm());
-    EXPECT_EQ(MessageOf<Handler::ErrorException>([&] { handler.Arm(); }), "Arm() object is already armed.");
+    EXPECT_EQ(refusal([&] { handler.Arm(); }), "Arm() object is already armed.");
 }
 
 TEST_F(QelDebugTest, EachFormThrowsItsOwnExceptionWithHeadingAndText)
@@ -86,37 +78,14 @@ TEST_F(QelDebugTest, EachFormThrowsItsOwnExceptionWithHeadingAndText)
     EXPECT_EQ(MessageOf<Handler::AssertException>(assertion),
               "QEL_ASSERT in tests/base/QelDebugTest.cpp, line " + std::to_string(line) +
                   "\nRequired: [0..2]. Given: 7.\n");
-    EXPECT_EQ(MessageOf<Handler::ErrorException>([] { QEL_ERROR("QelSize2::QelSize2: Negative size"); })
-                  .rfind("QEL_ERROR in tests/base/QelDebugTest.cpp, line ", 0),
-              0u);
     EXPECT_EQ(MessageOf<Handler::TraceException>([] { QEL_TRACE("%s", "note"); }).substr(0, 14), "QEL_TRACE in t");
     EXPECT_NO_THROW(QEL_ASSERT(true, "never"));
-}
-
-TEST_F(QelDebugTest, TextsThatPrintfWouldMisreadAreFormattedOnce)
-{
     // The message is the format: a % in an argument must not be read again.
-    const std::string message = MessageOf<Handler::ErrorException>([] { QEL_ERROR("value %s", "100%d"); });
-    EXPECT_EQ(message.substr(message.find('\n') + 1), "value 100%d");
+    const std::string error = MessageOf<Handler::ErrorException>([] { QEL_ERROR("value %s", "100%d"); });
+    EXPECT_TRUE(error.starts_with("QEL_ERROR in ") && error.ends_with("\nvalue 100%d")) << error;
 }
 
-TEST_F(QelDebugTest, MessagesAreCutAtTheCapacityWithoutAnError)
-{
-    Handler handler;
-    handler.Arm();
-    handler.Trace("file", 3);
-    const std::string chunk(1000, 'x');
-    handler.Printf("%s", chunk.c_str());
-    handler.Printf("%s", chunk.c_str());
-    handler.Printf("%s", chunk.c_str());
-    EXPECT_EQ(handler.Printf("more"), 0);
-    const std::string message = MessageOf<Handler::TraceException>([&] { handler.Flush(); });
-    ASSERT_EQ(message.size(), Handler::kCapacity);
-    EXPECT_EQ(message.substr(0, 26), "QEL_TRACE in file, line 3\n");
-    EXPECT_EQ(message.back(), 'x');
-}
-
-TEST_F(QelDebugTest, SeveralPrintfCallsMakeOneMessage)
+TEST_F(QelDebugTest, PrintfCallsMakeOneMessageCutAtTheCapacityWithoutAnError)
 {
     Handler handler;
     handler.Arm();
@@ -125,14 +94,16 @@ TEST_F(QelDebugTest, SeveralPrintfCallsMakeOneMessage)
     handler.Printf("Required: [0..2]. Given: %d.\n", 3);
     EXPECT_EQ(MessageOf<Handler::AssertException>([&] { handler.Flush(); }),
               "QEL_ASSERT in a.cpp, line 12\nQelMatrix34::Shear: Axis out of range.\nRequired: [0..2]. Given: 3.\n");
-}
 
-TEST_F(QelDebugTest, BacktraceExceptionRecordsTheStack)
-{
-    const Handler::QelBacktraceException e("text");
-    EXPECT_STREQ(e.what(), "text");
-    EXPECT_GT(e.Frames().size(), 0u);
-    EXPECT_LE(e.Frames().size(), static_cast<std::size_t>(Handler::QelBacktraceException::kMaxFrames));
+    handler.Trace("file", 3);
+    const std::string chunk(1000, 'x');
+    for (int i = 0; i < 3; ++i)
+        handler.Printf("%s", chunk.c_str());
+    EXPECT_EQ(handler.Printf("more"), 0);
+    const std::string message = MessageOf<Handler::TraceException>([&] { handler.Flush(); });
+    ASSERT_EQ(message.size(), Handler::kCapacity);
+    EXPECT_EQ(message.substr(0, 26), "QEL_TRACE in file, line 3\n");
+    EXPECT_EQ(message.back(), 'x');
 }
 
 TEST_F(QelDebugTest, FormsCallTheHandlerInOrderAndOnlyTheSevereOnesExit)

@@ -67,64 +67,36 @@ TEST(QelMemoryManagerTest, AllocAlignedRoundsUpInsideTheRawBlockThatFreeTakesBac
     EXPECT_EQ(raw, nullptr);
 }
 
-TEST(QelMemoryManagerTest, DefaultIsOneDumbManagerForTheProcessThatKnowsNoFreeSize)
+// The count of outstanding blocks is process-wide, and tracking is on from the start.
+TEST(QelDumbMemoryManagerTest, CountsOutstandingBlocksOnlyWhileTrackingAndNeverBelowZero)
 {
-    QelMemoryManager* manager = QelMemoryManager::GetDefault();
-    EXPECT_EQ(QelMemoryManager::GetDefault(), manager);
-    EXPECT_NE(dynamic_cast<QelDumbMemoryManager*>(manager), nullptr);
-    EXPECT_EQ(manager->GetFreeMemorySize(), 0u);  // unknown, not exhausted
-}
-
-// The count of outstanding blocks is process-wide; each test leaves tracking on.
-class QelDumbMemoryManagerTest : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_NE(m_manager, nullptr); }
-    void TearDown() override { QelDumbMemoryManager::SetTracking(true); }
-    std::unique_ptr<QelDumbMemoryManager> m_manager = QelDumbMemoryManager::New();
-};
-
-TEST_F(QelDumbMemoryManagerTest, CountsOutstandingBlocksOnlyWhileTracking)
-{
+    const std::unique_ptr<QelDumbMemoryManager> manager = QelDumbMemoryManager::New();
+    ASSERT_NE(manager, nullptr);
     const std::int32_t start = QelDumbMemoryManager::OutstandingBlocks();
-    void* block = m_manager->Alloc(10);
-    void* empty = m_manager->Alloc(0);
+    void* block = manager->Alloc(10);
+    void* empty = manager->Alloc(0);
     ASSERT_NE(empty, nullptr);
     EXPECT_EQ(QelDumbMemoryManager::OutstandingBlocks(), start + 2);
-    m_manager->Free(block);
-    m_manager->Free(nullptr);
+    manager->Free(block);
+    manager->Free(nullptr);
     EXPECT_EQ(QelDumbMemoryManager::OutstandingBlocks(), start + 1);
-
-    QelDumbMemoryManager::SetTracking(false);
-    m_manager->Free(empty);
-    void* untracked = m_manager->Alloc(10);
-    EXPECT_EQ(QelDumbMemoryManager::OutstandingBlocks(), start + 1);
-    QelDumbMemoryManager::SetTracking(true);
-    m_manager->Free(untracked);
+    manager->Free(empty);
+#if !defined(__SANITIZE_ADDRESS__)  // which stops the process on such a size
+    // The global allocator's exception must not get out, nor the failure be counted.
+    EXPECT_EQ(manager->Alloc(SIZE_MAX / 2), nullptr);
     EXPECT_EQ(QelDumbMemoryManager::OutstandingBlocks(), start);
-}
+#endif
 
-TEST_F(QelDumbMemoryManagerTest, CountNeverGoesBelowZero)
-{
     // Blocks made while not tracking and freed while tracking drive the count to 0 and past it.
     QelDumbMemoryManager::SetTracking(false);
-    std::vector<void*> blocks(QelDumbMemoryManager::OutstandingBlocks() + 3);
-    for (void*& block : blocks)
-        block = m_manager->Alloc(8);
+    std::vector<void*> blocks(start + 3);
+    for (void*& untracked : blocks)
+        untracked = manager->Alloc(8);
+    EXPECT_EQ(QelDumbMemoryManager::OutstandingBlocks(), start);
     QelDumbMemoryManager::SetTracking(true);
-    for (void* block : blocks)
-        m_manager->Free(block);
+    for (void* untracked : blocks)
+        manager->Free(untracked);
     EXPECT_EQ(QelDumbMemoryManager::OutstandingBlocks(), 0);
 }
-
-// The global allocator reports exhaustion by an exception, which must not get out.
-// The address sanitizer stops the process on such a size instead.
-#if !defined(__SANITIZE_ADDRESS__)
-TEST_F(QelDumbMemoryManagerTest, ImpossibleSizeGivesNullAndIsNotCounted)
-{
-    const std::int32_t start = QelDumbMemoryManager::OutstandingBlocks();
-    EXPECT_EQ(m_manager->Alloc(SIZE_MAX / 2), nullptr);
-    EXPECT_EQ(QelDumbMemoryManager::OutstandingBlocks(), start);
-}
-#endif
 
 }  // namespace

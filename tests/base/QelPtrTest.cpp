@@ -1,6 +1,5 @@
 #include "base/QelPtr.h"
 
-#include "base/QelMaybe.h"
 #include "support/CountingMemoryManager.h"
 
 #include <gtest/gtest.h>
@@ -54,15 +53,6 @@ TEST(QelManagedPtrTest, MakeGivesNullWithoutABlockAndReturnsTheBlockOfAThrowingC
     EXPECT_EQ(manager.AllocCalls(), 2);
     EXPECT_EQ(manager.Outstanding(), 0u);
     EXPECT_EQ(destroyed, 0);
-}
-
-TEST(QelMaybeTest, IsUnsetUntilAssignedAndThenHoldsTheValue)
-{
-    QelMaybe<int> maybe;
-    EXPECT_FALSE(maybe.HasValue());
-    maybe = 0;
-    EXPECT_TRUE(maybe.HasValue());
-    EXPECT_EQ(maybe.Value(), 0);
 }
 
 }  // namespace

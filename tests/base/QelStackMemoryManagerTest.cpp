@@ -1,6 +1,7 @@
 #include "base/QelStackMemoryManager.h"
 
 #include "base/imp/QelThrowBugHandler.h"
+#include "support/MessageOf.h"
 
 #include <gtest/gtest.h>
 
@@ -10,19 +11,9 @@
 
 namespace {
 
-std::uintptr_t Address(const void* p)
-{
-    return reinterpret_cast<std::uintptr_t>(p);
-}
-
 std::string ReportOfAlloc(QelStackMemoryManager& stack, std::size_t size)
 {
-    try {
-        (void)stack.Alloc(size);
-    } catch (const QelThrowBugHandler::AssertException& e) {
-        return e.what();
-    }
-    return "no report";
+    return MessageOf<QelThrowBugHandler::AssertException>([&] { (void)stack.Alloc(size); });
 }
 
 std::string OutOfSpaceReport(long used, long size, long capacity)
@@ -45,7 +36,7 @@ protected:
 TEST_F(QelStackMemoryManagerTest, EachBlockIsAlignedAndTakesTheNextMultipleOf64StrictlyAboveItsSize)
 {
     EXPECT_EQ(m_stack.Capacity(), 1400u);
-    EXPECT_EQ(Address(m_stack.Base()) % 64, 0u);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(m_stack.Base()) % 64, 0u);
     EXPECT_GT(m_stack.Base(), m_stack.Block());
     EXPECT_LE(m_stack.Base(), m_stack.Block() + 64);
 
@@ -83,7 +74,7 @@ TEST_F(QelStackMemoryManagerTest, BlockMayEndExactlyAtTheEndOfTheReservedSpaceBu
 {
     const auto room = static_cast<std::size_t>((m_stack.Block() + m_stack.Capacity()) - m_stack.Cursor());
     EXPECT_EQ(ReportOfAlloc(m_stack, room + 1), OutOfSpaceReport(0, room + 1, 1400));
-    EXPECT_NE(ReportOfAlloc(m_stack, SIZE_MAX), "no report");
+    EXPECT_NE(ReportOfAlloc(m_stack, SIZE_MAX), "");  // no wrap-around to a small size
     EXPECT_EQ(m_stack.Cursor(), m_stack.Base());
 
     EXPECT_EQ(m_stack.Alloc(room), m_stack.Base());

@@ -75,28 +75,6 @@ bool DropSysNice()
     return syscall(SYS_capset, &header, data) == 0;
 }
 
-// Below normal inside the scope; afterwards back where it was when the thread may
-// lower its nice value, otherwise still below normal.
-void CheckBelowNormalScope(bool dropSysNice)
-{
-    if (Nice() >= kBelowNormalNice)
-        GTEST_SKIP() << "the process already runs at or below the below-normal nice value";
-    OnOwnThread([&] {
-        if (dropSysNice) {
-            ASSERT_TRUE(DropSysNice());
-        }
-        const int before = Nice();
-        const bool mayRestore = MayLowerNiceTo(before);
-        {
-            const QelThreadScopeGuard guard(Priority(static_cast<QelThreadPriority::QelThreadPriorityEnum>(5)),
-                                            Affinity(), 0);
-            EXPECT_TRUE(guard.PriorityApplied());
-            EXPECT_EQ(Nice(), kBelowNormalNice);
-        }
-        EXPECT_EQ(Nice(), mayRestore ? before : kBelowNormalNice) << "may restore: " << mayRestore;
-    });
-}
-
 TEST(QelThreadScopeGuardTest, LevelsMapToNiceValuesWithinLinuxRange)
 {
     EXPECT_EQ(QelNiceOfPriorityLevel(-15), kLowestNice);  // the host's idle level
@@ -106,14 +84,29 @@ TEST(QelThreadScopeGuardTest, LevelsMapToNiceValuesWithinLinuxRange)
     EXPECT_EQ(QelPriorityLevelOfNice(-2), 0);
 }
 
+// Below normal inside the scope; afterwards back where it was when the thread may
+// lower its nice value, otherwise still below normal.
 TEST(QelThreadScopeGuardTest, BelowNormalHoldsForTheScopeAndIsRestoredWhenPermitted)
 {
-    CheckBelowNormalScope(false);
-}
-
-TEST(QelThreadScopeGuardTest, WithoutTheRightToLowerNiceTheThreadStaysBelowNormal)
-{
-    CheckBelowNormalScope(true);
+    if (Nice() >= kBelowNormalNice)
+        GTEST_SKIP() << "the process already runs at or below the below-normal nice value";
+    for (const bool dropSysNice : {false, true}) {
+        OnOwnThread([&] {
+            SCOPED_TRACE(dropSysNice ? "without CAP_SYS_NICE" : "as the process runs");
+            if (dropSysNice) {
+                ASSERT_TRUE(DropSysNice());
+            }
+            const int before = Nice();
+            const bool mayRestore = MayLowerNiceTo(before);
+            {
+                const QelThreadScopeGuard guard(Priority(static_cast<QelThreadPriority::QelThreadPriorityEnum>(5)),
+                                                Affinity(), 0);
+                EXPECT_TRUE(guard.PriorityApplied());
+                EXPECT_EQ(Nice(), kBelowNormalNice);
+            }
+            EXPECT_EQ(Nice(), mayRestore ? before : kBelowNormalNice) << "may restore: " << mayRestore;
+        });
+    }
 }
 
 TEST(QelThreadScopeGuardTest, AffinityHoldsForTheScopeAndIsRestored)

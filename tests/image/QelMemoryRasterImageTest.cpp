@@ -1,13 +1,15 @@
 #include "image/QelMemoryRasterImage.h"
 
 #include "base/QelMemoryManager.h"
-#include "image/BugReportText.h"
 #include "image/QelRgbColorSpec.h"
+#include "support/AssertionText.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <cstring>
+#include <functional>
+#include <string>
 #include <vector>
 
 namespace {
@@ -41,14 +43,12 @@ public:
 struct GuardedImage {
     GuardedImage(std::int32_t width, std::int32_t height, std::int32_t bytesPerPixel, std::int32_t pitch,
                  std::size_t misalignment = 0)
-        : storage(misalignment + std::size_t(pitch) * height, kGuard), offset(misalignment),
-          image(QelMemoryRasterImage::New(nullptr))
+        : storage(misalignment + std::size_t(pitch) * height, kGuard), image(QelMemoryRasterImage::New(nullptr))
     {
-        image->SetBuffer(width, height, bytesPerPixel, pitch, storage.data() + offset, false);
+        image->SetBuffer(width, height, bytesPerPixel, pitch, storage.data() + misalignment, false);
     }
 
     std::vector<std::uint8_t> storage;
-    std::size_t offset;
     std::unique_ptr<QelMemoryRasterImage> image;
 };
 
@@ -60,25 +60,31 @@ std::unique_ptr<QelMemoryRasterImage> Resized(QelMemoryManager* manager, std::in
     return image;
 }
 
-// ---- Geometry of Resize ----
+// ---- Resize and Clear ----
 
-TEST(QelMemoryRasterImageTest, SafetyMarginsPutTheOriginTwoPixelsAndTwoLinesIntoTheBuffer)
+TEST(QelMemoryRasterImageTest, ResizeBacksEverySafetyPixelAndClearCoversOnlyTheScratchMargin)
 {
-    constexpr std::int32_t kWidth = 5, kHeight = 3, kBpp = 2;
+    // The scratch columns reach past the requested safety columns, which must grow to hold them.
+    const QelIntRange sizeX(0, 3), sizeY(0, 2), scratchX(-1, 4), scratchY(-1, 3);
     SwitchableManager manager;
     for (QelMemoryManager* source : {static_cast<QelMemoryManager*>(&manager), static_cast<QelMemoryManager*>(nullptr)}) {
         SCOPED_TRACE(source ? "memory manager" : "C heap");
         auto image = QelMemoryRasterImage::New(source);
-        const QelIntRange x(0, kWidth - 1), y(0, kHeight - 1);
-        const QelIntRange safetyX(-2, kWidth + 1), safetyY(-2, kHeight + 1);
-        ASSERT_TRUE(image->Resize(kBpp, x, y, x, y, safetyX, safetyY));
-
-        EXPECT_EQ(image->Width(), kWidth);
-        EXPECT_EQ(image->BytesPerLine(), (kWidth + 4) * kBpp);
-        std::uint8_t* const buffer = image->Buffer();
-        EXPECT_EQ(image->OriginAddress(), buffer + 2 * image->BytesPerLine() + 2 * kBpp);
-        // Every safety pixel is backed by the block; a short block shows under ASan.
-        std::memset(buffer, 0, std::size_t((kWidth + 4) * kBpp) * (kHeight + 4));
+        ASSERT_TRUE(image->Resize(2, sizeX, sizeY, scratchX, scratchY, QelIntRange(-3, 3), QelIntRange(-2, 4)));
+        EXPECT_EQ(image->SafetyXRange(), QelIntRange(-3, 4));
+        ASSERT_EQ(image->BytesPerLine(), 8 * 2);
+        EXPECT_EQ(image->OriginAddress(), image->Buffer() + 2 * 16 + 3 * 2);
+        // A block short of the safety rows shows under ASan.
+        std::memset(image->Buffer(), kGuard, 16 * 7);
+        image->Clear(true, 0x1255);
+        for (std::int32_t y = -2; y <= 4; ++y) {
+            for (std::int32_t x = -3; x <= 4; ++x) {
+                std::uint16_t pixel;
+                std::memcpy(&pixel, image->PixelAddress(x, y), 2);
+                const bool inScratch = scratchX.Contains(x) && scratchY.Contains(y);
+                EXPECT_EQ(pixel, inScratch ? 0x1255 : 0xCCCC) << "x " << x << ", y " << y;
+            }
+        }
     }
     EXPECT_EQ(manager.outstanding, 0);
 }
@@ -101,7 +107,7 @@ TEST(QelMemoryRasterImageTest, UnreasonableResizeIsReportedAndChangesNothing)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        EXPECT_EQ(BugReportText([&] {
+        EXPECT_EQ(AssertionText([&] {
                       (void)image->Resize(c.bpp, c.sizeX, c.sizeY, c.scratchX, c.scratchY, c.safetyX, c.safetyY);
                   }),
                   "QelMemoryRasterImage::Resize: Unreasonable arguments\n");
@@ -124,27 +130,6 @@ TEST(QelMemoryRasterImageTest, FailedAllocationEmptiesTheImageAndFreesTheOldBloc
     EXPECT_EQ(image->OriginAddress(), nullptr);
     EXPECT_FALSE(image->OwnsBuffer());
     image->Clear(false, 0);  // an empty image has nothing to clear
-}
-
-// ---- Clear ----
-
-TEST(QelMemoryRasterImageTest, ClearCoversTheScratchMarginButNotTheSafetyMargin)
-{
-    auto image = QelMemoryRasterImage::New(nullptr);
-    // The scratch columns reach past the requested safety columns, which must grow to hold them.
-    const QelIntRange sizeX(0, 3), sizeY(0, 2), scratchX(-1, 4), scratchY(-1, 3);
-    ASSERT_TRUE(image->Resize(1, sizeX, sizeY, scratchX, scratchY, QelIntRange(-3, 3), QelIntRange(-2, 4)));
-    EXPECT_EQ(image->SafetyXRange(), QelIntRange(-3, 4));
-    EXPECT_EQ(image->BytesPerLine(), 8);
-    std::memset(image->Buffer(), kGuard, 8 * 7);
-
-    image->Clear(true, 0x1255);
-    for (std::int32_t y = -2; y <= 4; ++y) {
-        for (std::int32_t x = -3; x <= 4; ++x) {
-            const bool inScratch = scratchX.Contains(x) && scratchY.Contains(y);
-            EXPECT_EQ(*image->PixelAddress(x, y), inScratch ? 0x55 : kGuard) << "x " << x << ", y " << y;
-        }
-    }
 }
 
 TEST(QelMemoryRasterImageTest, ClearWritesEachPixelSizeAndLeavesBytesBetweenLines)
@@ -192,7 +177,7 @@ TEST(QelMemoryRasterImageTest, ClearWithAValueLeavesThreeBytePixelsAndWithoutOne
 
 // ---- Copy ----
 
-TEST(QelMemoryRasterImageTest, CopyBetweenSizesCopiesTheCommonCornerLineByLine)
+TEST(QelMemoryRasterImageTest, CopyCopiesOnlyTheCommonCornerLineByLine)
 {
     // The source starts at (-2, -1), so the shared corner starts at (0, 0) in both.
     auto source = Resized(nullptr, 2, QelIntRange(-2, 3), QelIntRange(-1, 6));
@@ -211,15 +196,13 @@ TEST(QelMemoryRasterImageTest, CopyBetweenSizesCopiesTheCommonCornerLineByLine)
         for (std::int32_t pad = 0; pad < 3; ++pad)
             EXPECT_EQ(g.image->PixelAddress(6, y)[pad], kGuard) << "row " << y;
     }
-}
 
-TEST(QelMemoryRasterImageTest, CopyOfDisjointScratchRectanglesReturnsFalseAndWritesNothing)
-{
-    auto source = Resized(nullptr, 1, QelIntRange(10, 12), QelIntRange(0, 3));
-    source->Clear(true, 7);
-    GuardedImage g(6, 4, 1, 6);
-    EXPECT_FALSE(g.image->Copy(*source));
-    EXPECT_EQ(g.storage, std::vector<std::uint8_t>(g.storage.size(), kGuard));
+    // Scratch rectangles that share nothing: false, and nothing written.
+    auto apart = Resized(nullptr, 1, QelIntRange(10, 12), QelIntRange(0, 3));
+    apart->Clear(true, 7);
+    GuardedImage untouched(6, 4, 1, 6);
+    EXPECT_FALSE(untouched.image->Copy(*apart));
+    EXPECT_EQ(untouched.storage, std::vector<std::uint8_t>(untouched.storage.size(), kGuard));
 }
 
 // ---- SetBuffer ----
@@ -242,20 +225,34 @@ TEST(QelMemoryRasterImageTest, SetBufferOfWidthZeroStoresTheBufferAndFreesOnlyWh
     EXPECT_EQ(manager.outstanding, 0);
 }
 
-TEST(QelMemoryRasterImageTest, SetBufferReportsBadDimensionsInOrderAndChangesNothing)
+TEST(QelMemoryRasterImageTest, SetBufferReportsBadArgumentsInOrderAndChangesNothing)
 {
     GuardedImage g(2, 2, 1, 2);
-    EXPECT_EQ(BugReportText([&] { g.image->SetBuffer(-1, -2, 2, 0, nullptr, false); }),
-              "QelMemoryRasterImage::SetBuffer()\nWidth was negative (-1)\n");
-    EXPECT_EQ(BugReportText([&] { g.image->SetBuffer(1, -2, 2, 0, nullptr, false); }),
-              "QelMemoryRasterImage::SetBuffer()\nHeight was negative (-2)\n");
-    EXPECT_EQ(BugReportText([&] { g.image->SetBuffer(4, 1, 2, 7, nullptr, false); }),
-              "QelMemoryRasterImage::SetBuffer()\nGiven a width of 4 and 2 bytes per pixel,\n"
-              "bytes per line must be at least 8. It was 7.\n");
-    EXPECT_EQ(BugReportText([&] { g.image->SetBuffer(4, 1, 2, 8, nullptr, false); }),
-              "QelMemoryRasterImage::SetBuffer()\nNULL pointer trapped (buffer)");
-    EXPECT_EQ(g.image->Width(), 2);
-    EXPECT_EQ(g.image->OriginAddress(), g.storage.data());
+    std::uint8_t* const buffer = g.storage.data();
+    const QelIntRange s(0, 3), safety(-1, 4);
+    const std::string heading = "QelMemoryRasterImage::SetBuffer()\n";
+    const std::string unreasonable = "QelMemoryRasterImage::SetBuffer: Unreasonable arguments\n";
+    const struct {
+        std::function<void()> call;
+        std::string text;
+    } cases[] = {
+        {[&] { g.image->SetBuffer(-1, -2, 2, 0, nullptr, false); }, heading + "Width was negative (-1)\n"},
+        {[&] { g.image->SetBuffer(1, -2, 2, 0, nullptr, false); }, heading + "Height was negative (-2)\n"},
+        {[&] { g.image->SetBuffer(4, 1, 2, 7, nullptr, false); },
+         heading + "Given a width of 4 and 2 bytes per pixel,\nbytes per line must be at least 8. It was 7.\n"},
+        {[&] { g.image->SetBuffer(4, 1, 2, 8, nullptr, false); }, heading + "NULL pointer trapped (buffer)"},
+        // With ranges a null buffer comes before bad ranges; safety columns must fit the pitch.
+        {[&] { g.image->SetBuffer(0, 8, s, s, s, s, s, s, nullptr, false); },
+         heading + "NULL pointer trapped (buffer)"},
+        {[&] { g.image->SetBuffer(2, 11, s, s, s, s, safety, s, buffer, false); }, unreasonable},
+        {[&] { g.image->SetBuffer(2, 8, s, s, QelIntRange(1, 3), s, s, s, buffer, false); }, unreasonable},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "case " << &c - cases);
+        EXPECT_EQ(AssertionText(c.call), c.text);
+        EXPECT_EQ(g.image->Width(), 2);
+        EXPECT_EQ(g.image->OriginAddress(), buffer);
+    }
 }
 
 TEST(QelMemoryRasterImageTest, SetBufferWithRangesPlacesTheOriginByTheSafetyMinimum)
@@ -263,16 +260,7 @@ TEST(QelMemoryRasterImageTest, SetBufferWithRangesPlacesTheOriginByTheSafetyMini
     std::vector<std::uint8_t> buffer(200, kGuard);
     auto image = QelMemoryRasterImage::New(nullptr);
     const QelIntRange s(0, 3), safety(-1, 4);
-    const char* const unreasonable = "QelMemoryRasterImage::SetBuffer: Unreasonable arguments\n";
-    // A null buffer is reported before bad ranges; safety rows must fit the pitch.
-    EXPECT_EQ(BugReportText([&] { image->SetBuffer(0, 8, s, s, s, s, s, s, nullptr, false); }),
-              "QelMemoryRasterImage::SetBuffer()\nNULL pointer trapped (buffer)");
-    EXPECT_EQ(BugReportText([&] { image->SetBuffer(2, 11, s, s, s, s, safety, s, buffer.data(), false); }),
-              unreasonable);
-    EXPECT_EQ(BugReportText([&] { image->SetBuffer(2, 8, s, s, QelIntRange(1, 3), s, s, s, buffer.data(), false); }),
-              unreasonable);
-
-    // Pitch 3 bytes above the safety row; the scratch reaches one row further down.
+    // Pitch 15, 2 bytes per pixel; the scratch reaches one row further down than the safety rows.
     image->SetBuffer(2, 15, s, s, s, QelIntRange(0, 5), safety, safety, buffer.data(), false);
     EXPECT_EQ(image->OriginAddress(), buffer.data() + 15 + 2);
     EXPECT_EQ(image->SafetyYRange(), QelIntRange(-1, 5));
@@ -284,7 +272,7 @@ TEST(QelMemoryRasterImageTest, SetBufferWithRangesPlacesTheOriginByTheSafetyMini
 TEST(QelMemoryRasterImageTest, HoldRgbColorSpecRefusesNullAndKeepsTheSpecItHolds)
 {
     auto image = QelMemoryRasterImage::New(nullptr);
-    EXPECT_EQ(BugReportText([&] { image->HoldRgbColorSpec(nullptr); }),
+    EXPECT_EQ(AssertionText([&] { image->HoldRgbColorSpec(nullptr); }),
               "QelMemoryRasterImage::SetRgbColorSpec()\nNULL pointer trapped (c_spec)\n");
     EXPECT_EQ(image->RgbColorSpec(), nullptr);
 

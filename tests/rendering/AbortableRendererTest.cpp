@@ -10,10 +10,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -22,32 +24,20 @@ using Ax::Rendering::Aborter;
 using Ax::Rendering::IAborter;
 using Ax::Rendering::RenderingException;
 using Ax::Rendering::StatusCode;
-using Ax::System::InvalidOperationException;
 
-// A renderer of `steps` steps that records what the driver asked of it, and fails
-// or throws where a test tells it to.
+// A renderer of `steps` steps that records what the driver asked of it; `onStep`
+// says how each step ends.
 class ScriptedRenderer final : public QelImageStackSteppableRenderer {
 public:
-    explicit ScriptedRenderer(int steps) : m_steps(steps) {}
+    explicit ScriptedRenderer(int steps, std::function<bool(int step)> onStep = [](int) { return true; })
+        : m_steps(steps), m_onStep(std::move(onStep))
+    {
+    }
 
     bool Draw(QelImageStack*, QelRenderSpec*) override { return false; }
-    bool StartDraw(QelImageStack*, QelRenderSpec*) override
-    {
-        ++starts;
-        m_done = 0;
-        return startResult;
-    }
-    bool Step() override
-    {
-        ++steps;
-        if (steps == throwAtStep)
-            throw std::runtime_error("native trouble");
-        if (steps == throwPublicAtStep)
-            throw RenderingException("from the public handler");
-        ++m_done;
-        return steps != failAtStep;
-    }
-    [[nodiscard]] bool IsDone() const override { return m_done >= m_steps; }
+    bool StartDraw(QelImageStack*, QelRenderSpec*) override { return startResult; }
+    bool Step() override { return m_onStep(++steps); }
+    [[nodiscard]] bool IsDone() const override { return steps >= m_steps; }
     void Abort() override { ++aborts; }
     [[nodiscard]] bool HasFailed() const override { return memoryFailure; }
     bool GetErrorText(char* buffer, std::uint32_t size) const override
@@ -60,18 +50,14 @@ public:
     }
 
     bool startResult = true;
-    int failAtStep = 0;
-    int throwAtStep = 0;
-    int throwPublicAtStep = 0;
     bool memoryFailure = false;
     std::string errorText;
-    int starts = 0;
     int steps = 0;
     int aborts = 0;
 
 private:
     int m_steps;
-    int m_done = 0;
+    std::function<bool(int step)> m_onStep;
 };
 
 // Aborts at its n-th poll (0: never), counting polls.
@@ -90,88 +76,66 @@ StatusCode Render(ScriptedRenderer& renderer, IAborter* aborter)
     return AbortableRenderer::Render(&renderer, nullptr, nullptr, aborter);
 }
 
-TEST(AbortableRendererTest, RunsEveryStepAskingTheAborterBeforeEachButNotAfterTheLast)
+// The aborter is asked before each step but not after the last; an abort stops
+// between steps and aborts the renderer.
+TEST(AbortableRendererTest, TheAborterIsPolledBeforeEveryStepAndStopsBetweenThem)
 {
-    ScriptedRenderer renderer(3);
-    EXPECT_EQ(Render(renderer, nullptr), StatusCode::Finished);
-    EXPECT_EQ(renderer.steps, 3);
-
-    ScriptedRenderer polled(3);
-    CountingAborter never(0);
-    EXPECT_EQ(Render(polled, &never), StatusCode::Finished);
-    EXPECT_EQ(never.polls, 3);
-    EXPECT_EQ(polled.aborts, 0);
-
-    ScriptedRenderer doneAtStart(0);
-    CountingAborter unasked(1);
-    EXPECT_EQ(Render(doneAtStart, &unasked), StatusCode::Finished);
-    EXPECT_EQ(unasked.polls, 0);
-}
-
-TEST(AbortableRendererTest, AnAbortStopsBetweenStepsAndAbortsTheRenderer)
-{
-    ScriptedRenderer before(3);
-    CountingAborter atOnce(1);
-    EXPECT_EQ(Render(before, &atOnce), StatusCode::Aborted);
-    EXPECT_EQ(before.starts, 1);
-    EXPECT_EQ(before.steps, 0);
-    EXPECT_EQ(before.aborts, 1);
-
-    ScriptedRenderer midway(5);
-    CountingAborter third(3);
-    EXPECT_EQ(Render(midway, &third), StatusCode::Aborted);
-    EXPECT_EQ(midway.steps, 2);
-    EXPECT_EQ(midway.aborts, 1);
-
-    // The public aborter, raised before the call.
-    ScriptedRenderer raised(2);
-    Aborter aborter;
-    aborter.Abort();
-    EXPECT_EQ(Render(raised, &aborter), StatusCode::Aborted);
-    EXPECT_EQ(raised.steps, 0);
+    const struct {
+        int steps, abortAtPoll;
+        StatusCode status;
+        int stepsRun, polls, aborts;
+    } cases[] = {
+        {3, 0, StatusCode::Finished, 3, 3, 0},
+        {0, 1, StatusCode::Finished, 0, 0, 0},
+        {3, 1, StatusCode::Aborted, 0, 1, 1},
+        {5, 3, StatusCode::Aborted, 2, 3, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.steps << " steps, abort at poll " << c.abortAtPoll);
+        ScriptedRenderer renderer(c.steps);
+        CountingAborter aborter(c.abortAtPoll);
+        EXPECT_EQ(Render(renderer, &aborter), c.status);
+        EXPECT_EQ(renderer.steps, c.stepsRun);
+        EXPECT_EQ(aborter.polls, c.polls);
+        EXPECT_EQ(renderer.aborts, c.aborts);
+    }
+    ScriptedRenderer unpolled(3);
+    EXPECT_EQ(Render(unpolled, nullptr), StatusCode::Finished);
+    EXPECT_EQ(unpolled.steps, 3);
 }
 
 TEST(AbortableRendererTest, AFailureBecomesARenderingExceptionWithTheBestTextKnown)
 {
-    ScriptedRenderer refused(3);
-    refused.startResult = false;
-    CountingAborter aborter(0);
-    EXPECT_EQ(MessageOf<RenderingException>([&] { Render(refused, &aborter); }), "Renderer failed to Draw");
-    EXPECT_EQ(refused.steps, 0);
-    EXPECT_EQ(aborter.polls, 0);
+    const struct {
+        bool start;
+        int failAtStep;
+        bool memoryFailure;
+        std::string errorText, message;
+    } cases[] = {
+        {false, 0, false, "", "Renderer failed to Draw"},
+        {true, 2, true, "", "Renderer failed to Draw because of a memory failure"},
+        // A text wins over the memory flag.
+        {true, 1, true, "Access violation in worker", "Renderer crashed: \"Access violation in worker\""},
+        {true, 1, false, std::string(1500, 'e'), "Renderer crashed: \"" + std::string(999, 'e') + "\""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message.substr(0, 40));
+        ScriptedRenderer renderer(3, [&](int step) { return step != c.failAtStep; });
+        renderer.startResult = c.start;
+        renderer.memoryFailure = c.memoryFailure;
+        renderer.errorText = c.errorText;
+        EXPECT_EQ(MessageOf<RenderingException>([&] { Render(renderer, nullptr); }), c.message);
+        EXPECT_EQ(renderer.steps, c.failAtStep);
+    }
 
-    ScriptedRenderer memory(3);
-    memory.failAtStep = 2;
-    memory.memoryFailure = true;
-    EXPECT_EQ(MessageOf<RenderingException>([&] { Render(memory, nullptr); }),
-              "Renderer failed to Draw because of a memory failure");
-    EXPECT_EQ(memory.steps, 2);
-
-    ScriptedRenderer crashed(3);
-    crashed.failAtStep = 1;
-    crashed.memoryFailure = true;  // a text wins over the memory flag
-    crashed.errorText = "Access violation in worker";
-    EXPECT_EQ(MessageOf<RenderingException>([&] { Render(crashed, nullptr); }),
-              "Renderer crashed: \"Access violation in worker\"");
-
-    ScriptedRenderer verbose(1);
-    verbose.failAtStep = 1;
-    verbose.errorText = std::string(1500, 'e');
-    EXPECT_EQ(MessageOf<RenderingException>([&] { Render(verbose, nullptr); }),
-              "Renderer crashed: \"" + std::string(999, 'e') + "\"");
-}
-
-TEST(AbortableRendererTest, NativeExceptionsBecomeInvalidOperationAndPublicOnesPass)
-{
-    ScriptedRenderer native(3);
-    native.throwAtStep = 2;
-    EXPECT_EQ(MessageOf<InvalidOperationException>([&] { Render(native, nullptr); }), "native trouble");
-
-    ScriptedRenderer reported(3);
-    reported.throwPublicAtStep = 1;
+    // Exceptions of the engine become InvalidOperationException; the public ones pass.
+    ScriptedRenderer native(3, [](int) -> bool { throw std::runtime_error("native trouble"); });
+    EXPECT_EQ(MessageOf<Ax::System::InvalidOperationException>([&] { Render(native, nullptr); }), "native trouble");
+    ScriptedRenderer reported(3, [](int) -> bool { throw RenderingException("from the public handler"); });
     EXPECT_EQ(MessageOf<RenderingException>([&] { Render(reported, nullptr); }), "from the public handler");
 }
 
+// The public aborter's own part: milliseconds, and the native "no limit" as the largest value.
 TEST(AborterTest, TimeLeftIsInMillisecondsAndTheLargestValueWithoutALimit)
 {
     EXPECT_EQ(Aborter().TimeLeft(), std::numeric_limits<std::int64_t>::max());
@@ -184,8 +148,9 @@ TEST(AborterTest, TimeLeftIsInMillisecondsAndTheLargestValueWithoutALimit)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_TRUE(expired.HasAborted());
     EXPECT_LT(expired.TimeLeft(), 0);
-    expired.Reset();  // does not restart the clock
-    EXPECT_TRUE(expired.HasAborted());
+    Aborter raised;
+    raised.Abort();
+    EXPECT_TRUE(raised.HasAborted());
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "PrimitiveConversions.h"
 
 #include "ax/primitives/Bounds3.h"
-#include "ax/primitives/Vector3.h"
 #include "ax/rendering/Initializer.h"
 #include "ax/rendering/ProjectionMode.h"
 #include "ax/system/Exception.h"
@@ -22,11 +21,6 @@ class PrimitiveConversionsTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { Ax::Rendering::Initializer::Initialize(); }
 };
-
-TEST_F(PrimitiveConversionsTest, Vector3IsNarrowedComponentByComponent)
-{
-    EXPECT_EQ(PrimitiveConversions::Vector3({0.1, -2.5, 1e10}), QelVector3(0.1f, -2.5f, 1e10f));
-}
 
 TEST_F(PrimitiveConversionsTest, BoundsCoverTheVoxelsTheBoxTouches)
 {

@@ -61,7 +61,7 @@ TEST(QelFaultGuardTest, NestedGuardsEachCatchTheirOwnFaults)
 
 // Death tests start a fresh copy of the binary, so the guard's handlers are
 // installed there for the first time, over the disposition the test sets.
-TEST(QelFaultGuardDeathTest, AFaultOutsideAnyGuardStillKillsTheProcess)
+TEST(QelFaultGuardDeathTest, AFaultOutsideAnyGuardGoesToTheDispositionThatWasThereBefore)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
@@ -72,11 +72,6 @@ TEST(QelFaultGuardDeathTest, AFaultOutsideAnyGuardStillKillsTheProcess)
             WriteToForbiddenPage();
         },
         ::testing::KilledBySignal(SIGSEGV), "");
-}
-
-TEST(QelFaultGuardDeathTest, AFaultOutsideAnyGuardGoesToTheHandlerThatWasThereBefore)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
             std::signal(SIGFPE, [](int) { _exit(42); });

@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
+#include <vector>
 
 namespace {
 
@@ -21,20 +23,20 @@ int ThreadsFor(std::uint32_t logical, std::uint32_t cores, std::int32_t cacheKB)
     return QelSystemInfo(facts).RenderThreadCount();
 }
 
-TEST(QelSystemInfoTest, HyperThreadsCountOnlyWithALargeCache)
+TEST(QelSystemInfoTest, HyperThreadsCountOnlyWithALargeCacheAndPinsNest)
 {
-    EXPECT_EQ(ThreadsFor(8, 4, 8192), 8);
     EXPECT_EQ(ThreadsFor(8, 4, 512), 8);
     EXPECT_EQ(ThreadsFor(8, 4, 256), 4);
-    EXPECT_EQ(ThreadsFor(4, 4, 0), 4);
     // Other vendors keep no cache size, so hyper-threading falls back to the cores.
     EXPECT_EQ(ThreadsFor(16, 8, 0), 8);
+
+    const int machine = QelSystemInfo::Instance().RenderThreadCount();
     {
-        const QelRenderThreadCountPin outer(3);
-        const QelRenderThreadCountPin inner(1);
-        EXPECT_EQ(QelSystemInfo::Instance().RenderThreadCount(), 1);
+        const QelRenderThreadCountPin outer(machine + 2);
+        const QelRenderThreadCountPin inner(machine + 1);
+        EXPECT_EQ(QelSystemInfo::Instance().RenderThreadCount(), machine + 1);
     }
-    EXPECT_EQ(ThreadsFor(8, 4, 8192), 8);
+    EXPECT_EQ(QelSystemInfo::Instance().RenderThreadCount(), machine);
 }
 
 // A made-up kernel tree, laid out as the kernel does.
@@ -63,15 +65,13 @@ TEST_F(FakeCpuTree, CoresAreDistinctPackageAndCorePairs)
         Write("cpu" + std::to_string(cpu) + "/topology/physical_package_id", std::to_string(packageCore[cpu][0]));
         Write("cpu" + std::to_string(cpu) + "/topology/core_id", std::to_string(packageCore[cpu][1]));
     }
-    const QelProcessorCounts twoOfOneCore = QelCountProcessors(m_root, {0, 1});
-    EXPECT_EQ(twoOfOneCore.Logical, 2u);
-    EXPECT_EQ(twoOfOneCore.Cores, 1u);
-    EXPECT_EQ(twoOfOneCore.Packages, 1u);
+    const auto counts = [&](std::vector<int> cpus) {
+        const QelProcessorCounts c = QelCountProcessors(m_root, cpus);
+        return std::tuple(c.Logical, c.Cores, c.Packages);
+    };
+    EXPECT_EQ(counts({0, 1}), std::tuple(2u, 1u, 1u));
     // Processor 3 has no files: a core of its own in an unknown package.
-    const QelProcessorCounts all = QelCountProcessors(m_root, {0, 1, 2, 3});
-    EXPECT_EQ(all.Logical, 4u);
-    EXPECT_EQ(all.Cores, 3u);
-    EXPECT_EQ(all.Packages, 3u);
+    EXPECT_EQ(counts({0, 1, 2, 3}), std::tuple(4u, 3u, 3u));
 }
 
 TEST_F(FakeCpuTree, TheLastLevelIsTheHighestDataOrUnifiedCache)
