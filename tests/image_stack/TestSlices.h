@@ -33,9 +33,6 @@ public:
         return false;
     }
 
-    // Points the slice somewhere else, such as at memory that can't be read.
-    void SetOrigin(std::uint8_t* origin) noexcept { m_origin = origin; }
-
 private:
     std::vector<std::uint8_t> m_pixels;
     int* m_deletions;

@@ -1,6 +1,6 @@
 #pragma once
 
-// Stacks, canvases and views for the reformat tests.
+// Stacks, images and views for the slab tests.
 
 #include "base/QelIntRange.h"
 #include "base/QelMatrix34.h"
@@ -12,67 +12,105 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <random>
 #include <vector>
 
 using VoxelFunction = std::function<std::uint16_t(std::int32_t x, std::int32_t y, std::int32_t slice)>;
 
-/// A stack of `width` x `height` slices at `zs`, owning its images, with voxels
-/// from `voxel` (their 16-bit pattern, for signed stacks too).
-inline std::unique_ptr<QelImageStack> MakeStack(std::int32_t width, std::int32_t height, const std::vector<float>& zs,
-                                                bool isSigned, const VoxelFunction& voxel,
-                                                std::optional<std::int32_t> padding = std::nullopt)
+struct StackShape {
+    std::int32_t width = 4;
+    std::int32_t height = 4;
+    std::vector<float> zs;
+    bool isSigned = false;
+    std::optional<std::int32_t> padding;
+    // Extra pixels at the end of each line of slice k, so that slices differ in pitch.
+    std::vector<std::int32_t> extraColumns;
+};
+
+template <typename T>
+T ReadPixel(const QelRasterImage& image, std::int32_t x, std::int32_t y)
+{
+    T value;
+    std::memcpy(&value, image.PixelAddress(x, y), sizeof value);
+    return value;
+}
+
+template <typename T>
+void WritePixel(QelRasterImage& image, std::int32_t x, std::int32_t y, T value)
+{
+    std::memcpy(image.PixelAddress(x, y), &value, sizeof value);
+}
+
+/// The stack of `shape`, owning its slices, with the 16-bit pattern `voxel` gives
+/// (for signed stacks too).
+inline std::unique_ptr<QelImageStack> MakeStack(const StackShape& shape, const VoxelFunction& voxel)
 {
     std::unique_ptr<QelImageStack> stack = QelImageStack::New();
-    for (std::size_t k = 0; k < zs.size(); ++k) {
+    for (std::size_t k = 0; k < shape.zs.size(); ++k) {
         std::unique_ptr<QelMemoryRasterImage> image = QelMemoryRasterImage::New(nullptr);
-        EXPECT_TRUE(image->Resize(2, {0, width - 1}, {0, height - 1}));
-        for (std::int32_t y = 0; y < height; ++y) {
-            for (std::int32_t x = 0; x < width; ++x) {
-                const std::uint16_t value = voxel(x, y, static_cast<std::int32_t>(k));
-                std::memcpy(image->PixelAddress(x, y), &value, sizeof value);
-            }
-        }
-        EXPECT_TRUE(stack->InsertImage(image.release(), zs[k], true, isSigned));
+        const std::int32_t extra = k < shape.extraColumns.size() ? shape.extraColumns[k] : 0;
+        const QelIntRange columns(0, shape.width - 1);
+        const QelIntRange rows(0, shape.height - 1);
+        EXPECT_TRUE(image->Resize(2, columns, rows, columns, rows, QelIntRange(0, shape.width - 1 + extra), rows));
+        for (std::int32_t y = 0; y < shape.height; ++y)
+            for (std::int32_t x = 0; x < shape.width; ++x)
+                WritePixel(*image, x, y, voxel(x, y, static_cast<std::int32_t>(k)));
+        EXPECT_TRUE(stack->InsertImage(image.release(), shape.zs[k], true, shape.isSigned));
     }
-    if (padding)
-        stack->SetPaddingValue(*padding);
+    if (shape.padding)
+        stack->SetPaddingValue(*shape.padding);
     return stack;
 }
 
-/// A 16-bit canvas over `columns` x `rows`, every pixel `fill`.
-inline std::unique_ptr<QelMemoryRasterImage> MakeCanvas(const QelIntRange& columns, const QelIntRange& rows,
-                                                        std::uint16_t fill = 0xBEEF)
+/// Unsigned slices of `width` x `height`, all of one pitch.
+inline std::unique_ptr<QelImageStack> MakeStack(std::int32_t width, std::int32_t height, const std::vector<float>& zs,
+                                                const VoxelFunction& voxel,
+                                                std::optional<std::int32_t> padding = std::nullopt)
 {
-    std::unique_ptr<QelMemoryRasterImage> canvas = QelMemoryRasterImage::New(nullptr);
-    EXPECT_TRUE(canvas->Resize(2, columns, rows));
-    canvas->Clear(true, fill);
-    return canvas;
+    return MakeStack({width, height, zs, false, padding, {}}, voxel);
 }
 
-/// The canvas's pixels, row after row.
+/// An image over `columns` x `rows` of `bytesPerPixel`, every pixel `fill`.
+inline std::unique_ptr<QelMemoryRasterImage> MakeImage(std::int32_t bytesPerPixel, const QelIntRange& columns,
+                                                       const QelIntRange& rows, std::uint32_t fill = 0)
+{
+    std::unique_ptr<QelMemoryRasterImage> image = QelMemoryRasterImage::New(nullptr);
+    EXPECT_TRUE(image->Resize(bytesPerPixel, columns, rows));
+    image->Clear(true, fill);
+    return image;
+}
+
+/// A 16-bit canvas, every pixel 0xBEEF: what a draw leaves alone shows.
+inline std::unique_ptr<QelMemoryRasterImage> MakeCanvas(const QelIntRange& columns, const QelIntRange& rows)
+{
+    return MakeImage(2, columns, rows, 0xBEEF);
+}
+
+/// All bytes of the image's pixels, row after row.
+inline std::vector<std::uint8_t> ImageBytes(const QelRasterImage& image)
+{
+    std::vector<std::uint8_t> bytes;
+    const std::size_t row = std::size_t(image.Width()) * std::size_t(image.BytesPerPixel());
+    for (std::int32_t y = image.YRange().Min; y <= image.YRange().Max && row > 0; ++y) {
+        const std::uint8_t* at = image.PixelAddress(image.XRange().Min, y);
+        bytes.insert(bytes.end(), at, at + row);
+    }
+    return bytes;
+}
+
+/// A 16-bit canvas's pixels, row after row.
 inline std::vector<std::uint16_t> Pixels(const QelRasterImage& canvas)
 {
-    std::vector<std::uint16_t> pixels;
-    for (std::int32_t y = canvas.YRange().Min; y <= canvas.YRange().Max && canvas.Height() > 0; ++y) {
-        for (std::int32_t x = canvas.XRange().Min; x <= canvas.XRange().Max; ++x) {
-            std::uint16_t value;
-            std::memcpy(&value, canvas.PixelAddress(x, y), sizeof value);
-            pixels.push_back(value);
-        }
-    }
+    const std::vector<std::uint8_t> bytes = ImageBytes(canvas);
+    std::vector<std::uint16_t> pixels(bytes.size() / 2);
+    std::memcpy(pixels.data(), bytes.data(), pixels.size() * 2);
     return pixels;
-}
-
-inline std::uint16_t PixelAt(const QelRasterImage& canvas, std::int32_t x, std::int32_t y)
-{
-    std::uint16_t value;
-    std::memcpy(&value, canvas.PixelAddress(x, y), sizeof value);
-    return value;
 }
 
 /// The view that puts canvas pixel (cx, cy) on volume point `centre`, with canvas x
@@ -96,6 +134,36 @@ inline QelMatrix34 AxialView(float z)
 {
     return ViewThrough({0.0f, 0.0f, z}, 0.0f, 0.0f, {1.0f, 0.0f, 0.0f}, {0.0f, 1.0f, 0.0f}, {0.0f, 0.0f, 1.0f});
 }
+
+/// The draws of the random comparisons.
+class Dice {
+public:
+    explicit Dice(unsigned seed) : m_rng(seed) {}
+    std::int32_t Int(std::int32_t low, std::int32_t high)
+    {
+        return std::uniform_int_distribution<std::int32_t>(low, high)(m_rng);
+    }
+    float Real(float low, float high) { return std::uniform_real_distribution<float>(low, high)(m_rng); }
+    bool Chance(double p) { return std::bernoulli_distribution(p)(m_rng); }
+    std::uint32_t Bits() { return m_rng(); }
+    template <class T>
+    T Pick(std::initializer_list<T> values)
+    {
+        return *(values.begin() + Int(0, static_cast<std::int32_t>(values.size()) - 1));
+    }
+    /// A frame turned at random: a unit normal, and across and down of length `size`.
+    void Oblique(float size, QelVector3& across, QelVector3& down, QelVector3& normal)
+    {
+        const auto unit = [](const QelVector3& v) { return v * (1.0f / std::sqrt(v.Dot(v))); };
+        normal = unit({Real(-1, 1), Real(-1, 1), Real(-1, 1)});
+        const QelVector3 other{Real(-1, 1), Real(-1, 1), Real(-1, 1)};
+        across = unit(other - normal * normal.Dot(other)) * size;
+        down = unit(normal.Cross(across)) * size;
+    }
+
+private:
+    std::mt19937 m_rng;
+};
 
 /// A record for a slab render into `canvas`.
 inline void FillSpec(QelRenderSpec& spec, QelRasterImage* canvas, const QelMatrix34& view,

@@ -30,8 +30,8 @@ public:
         m_scale = static_cast<float>(m_accelerator.Scale());
         m_offset = static_cast<float>(m_accelerator.Offset());
         const QelMatrix34 inverse = view.Inverse();
-        QelVector3 z;
-        inverse.TransformPoint({0.0f, 0.0f, 0.0f}, m_origin);
+        QelVector3 origin, z;
+        inverse.TransformPoint({0.0f, 0.0f, 0.0f}, origin);
         inverse.TransformVector({1.0f, 0.0f, 0.0f}, m_x);
         inverse.TransformVector({0.0f, 1.0f, 0.0f}, m_y);
         inverse.TransformVector({0.0f, 0.0f, 1.0f}, z);
@@ -39,7 +39,7 @@ public:
         const QelVector3 slab{z.X() / length * spacing, z.Y() / length * spacing, z.Z() / length * spacing};
         const float lastSample = static_cast<float>(samples - 1);
         for (int axis = 0; axis < 3; ++axis)
-            m_start[axis] = m_origin[axis] - slab[axis] * lastSample * 0.5f;
+            m_start[axis] = origin[axis] - slab[axis] * lastSample * 0.5f;
         m_xStep = Fix(m_x);
         m_rowStep = Fix(m_y);
         m_slabStep = Fix(slab);
@@ -83,59 +83,11 @@ public:
         return canvas;
     }
 
-private:
-    struct Fixed {
-        std::int32_t X, Y, Z;
-        // Registers wrap; unsigned arithmetic does the same without undefined behaviour.
-        friend Fixed operator+(const Fixed& a, const Fixed& b)
-        {
-            return {Add(a.X, b.X), Add(a.Y, b.Y), Add(a.Z, b.Z)};
-        }
-        friend Fixed operator*(const Fixed& a, std::int32_t n) { return {Mul(a.X, n), Mul(a.Y, n), Mul(a.Z, n)}; }
-        static std::int32_t Add(std::int32_t a, std::int32_t b)
-        {
-            return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
-        }
-        static std::int32_t Mul(std::int32_t a, std::int32_t n)
-        {
-            return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) * static_cast<std::uint32_t>(n));
-        }
-    };
-
-    static std::int32_t FloorDiv(std::int32_t a, std::int32_t b)
+    /// The sample at fixed (x, y, z): its value on the unsigned scale, or false when it
+    /// is skipped.
+    bool Sample(std::int32_t x, std::int32_t y, std::int32_t z, std::uint32_t& value) const
     {
-        return static_cast<std::int32_t>(std::floor(static_cast<double>(a) / b));
-    }
-
-    Fixed Fix(const QelVector3& v) const
-    {
-        return {static_cast<std::int32_t>(v.X() * 65536.0f), static_cast<std::int32_t>(v.Y() * 65536.0f),
-                static_cast<std::int32_t>(v.Z() * m_scale)};
-    }
-
-    Fixed PixelPosition(std::int32_t x, std::int32_t y) const
-    {
-        float p[3];
-        for (int axis = 0; axis < 3; ++axis) {
-            const float value = m_start[axis] + m_x[axis] * static_cast<float>(x) + m_y[axis] * static_cast<float>(y);
-            p[axis] = std::clamp(value, -32768.0f, 32767.0f);
-        }
-        return {static_cast<std::int32_t>(p[0] * 65536.0f), static_cast<std::int32_t>(p[1] * 65536.0f),
-                static_cast<std::int32_t>(p[2] * m_scale + m_offset)};
-    }
-
-    std::uint16_t Voxel(std::int32_t slice, std::int32_t x, std::int32_t y) const
-    {
-        const QelFixedPointSliceRecord& record = m_accelerator.Record(slice);
-        std::uint16_t value;
-        std::memcpy(&value, record.Origin + std::ptrdiff_t{y} * record.BytesPerLine + std::ptrdiff_t{x} * 2,
-                    sizeof value);
-        return value;
-    }
-
-    // The value of one sample on the unsigned scale, or false when it is skipped.
-    bool Sample(const Fixed& p, std::uint32_t& value) const
-    {
+        const Fixed p{x, y, z};
         if (p.Z < 0 || p.Z > m_accelerator.LastFixedZ())
             return false;
         // The last slice at or below z: a sample on a slice takes it alone, one
@@ -189,6 +141,56 @@ private:
         return true;
     }
 
+private:
+    struct Fixed {
+        std::int32_t X, Y, Z;
+        // Registers wrap; unsigned arithmetic does the same without undefined behaviour.
+        friend Fixed operator+(const Fixed& a, const Fixed& b)
+        {
+            return {Add(a.X, b.X), Add(a.Y, b.Y), Add(a.Z, b.Z)};
+        }
+        friend Fixed operator*(const Fixed& a, std::int32_t n) { return {Mul(a.X, n), Mul(a.Y, n), Mul(a.Z, n)}; }
+        static std::int32_t Add(std::int32_t a, std::int32_t b)
+        {
+            return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
+        }
+        static std::int32_t Mul(std::int32_t a, std::int32_t n)
+        {
+            return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) * static_cast<std::uint32_t>(n));
+        }
+    };
+
+    static std::int32_t FloorDiv(std::int32_t a, std::int32_t b)
+    {
+        return static_cast<std::int32_t>(std::floor(static_cast<double>(a) / b));
+    }
+
+    Fixed Fix(const QelVector3& v) const
+    {
+        return {static_cast<std::int32_t>(v.X() * 65536.0f), static_cast<std::int32_t>(v.Y() * 65536.0f),
+                static_cast<std::int32_t>(v.Z() * m_scale)};
+    }
+
+    Fixed PixelPosition(std::int32_t x, std::int32_t y) const
+    {
+        float p[3];
+        for (int axis = 0; axis < 3; ++axis) {
+            const float value = m_start[axis] + m_x[axis] * static_cast<float>(x) + m_y[axis] * static_cast<float>(y);
+            p[axis] = std::clamp(value, -32768.0f, 32767.0f);
+        }
+        return {static_cast<std::int32_t>(p[0] * 65536.0f), static_cast<std::int32_t>(p[1] * 65536.0f),
+                static_cast<std::int32_t>(p[2] * m_scale + m_offset)};
+    }
+
+    std::uint16_t Voxel(std::int32_t slice, std::int32_t x, std::int32_t y) const
+    {
+        const QelFixedPointSliceRecord& record = m_accelerator.Record(slice);
+        std::uint16_t value;
+        std::memcpy(&value, record.Origin + std::ptrdiff_t{y} * record.BytesPerLine + std::ptrdiff_t{x} * 2,
+                    sizeof value);
+        return value;
+    }
+
     std::uint16_t Pixel(const Fixed& first) const
     {
         const bool isSigned = m_stack.IsSigned();
@@ -198,7 +200,8 @@ private:
         std::uint16_t held = 0;
         for (std::int32_t s = 0; s < m_samples; ++s) {
             std::uint32_t value;
-            if (!Sample(first + m_slabStep * s, value))
+            const Fixed p = first + m_slabStep * s;
+            if (!Sample(p.X, p.Y, p.Z, value))
                 continue;
             if (m_mode != 0 && m_mode != 1) {
                 sum += value;
@@ -230,7 +233,6 @@ private:
     std::int32_t m_tileWidth;
     float m_scale = 0.0f;
     float m_offset = 0.0f;
-    QelVector3 m_origin{};
     QelVector3 m_x{};
     QelVector3 m_y{};
     float m_start[3] = {};
