@@ -1,3 +1,4 @@
+#include "DicomTestSeries.h"
 #include "TestVolumeFiles.h"
 
 #include "ax/primitives/Matrix44.h"
@@ -175,6 +176,7 @@ TEST_F(VolumeCommandsTest, EveryFormatRendersAsTheLibraryRendersItsStack)
          "ElementDataFile = LOCAL\n",
          "--position 2 --thickness 2", 2, ProjectionMode::Maximum, 3},
         {true, false, "v.nii", nullptr, "--position 5", 5, ProjectionMode::Maximum, 1},
+        {true, false, "series", nullptr, "--position 4 --mode mean --slices 3", 4, ProjectionMode::Average, 3},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.options);
@@ -185,10 +187,29 @@ TEST_F(VolumeCommandsTest, EveryFormatRendersAsTheLibraryRendersItsStack)
             samples[2 * i + (c.bigEndian ? 0 : 1)] = static_cast<std::byte>(values[i] >> 8);
         }
         const std::string file(c.file);
-        WriteBytes(m_scratch / file, file == "v.nii"  ? AxrTest::Nifti({kWidth, kHeight, kDepth}, 4, 16, samples, 0, 0,
-                                                                       {1, 1, 1})
-                                     : c.header != nullptr ? AxrTest::Join(c.header, samples)
-                                                         : samples);
+        if (file == "series") {
+            // Written in reverse z order: the reader sorts by position, not by name.
+            std::filesystem::create_directories(m_scratch / file);
+            for (std::int32_t k = 0; k < kDepth; ++k) {
+                AxrTest::DicomSlice slice;
+                slice.modality = "MR";  // not CT: values stay as written, signed
+                slice.width = kWidth;
+                slice.height = kHeight;
+                slice.pixelRepresentation = 1;
+                slice.pixelSpacing = "1\\1";
+                slice.position = std::array<double, 3>{0, 0, 10.0 + k};
+                slice.value = [&, k](int x, int y) {
+                    return static_cast<std::int16_t>(values[static_cast<std::size_t>((k * kHeight + y) * kWidth + x)]);
+                };
+                AxrTest::WriteDicom(m_scratch / file / ("s" + std::to_string(kDepth - k)), slice,
+                                    AxrTest::DicomEncoding::ExplicitLittle);
+            }
+        } else {
+            WriteBytes(m_scratch / file,
+                       file == "v.nii" ? AxrTest::Nifti({kWidth, kHeight, kDepth}, 4, 16, samples, 0, 0, {1, 1, 1})
+                       : c.header != nullptr ? AxrTest::Join(c.header, samples)
+                                             : samples);
+        }
         const ToolRun run = RunAxr("mpr " + file + " " + c.options + " --view axial --size 24x24 --out plane.raw",
                                    m_scratch);
         ASSERT_EQ(run.status, 0) << run.err;

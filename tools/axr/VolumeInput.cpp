@@ -1,6 +1,7 @@
 #include "VolumeInput.h"
 
 #include "CommandLine.h"
+#include "DicomReader.h"
 #include "MetaImageReader.h"
 #include "NiftiReader.h"
 #include "NrrdReader.h"
@@ -103,9 +104,13 @@ Volume LoadVolume(std::string_view context, const VolumeSource& source)
         return volume;
     }
     const std::filesystem::path path(source.input);
-    if (source.series && !std::filesystem::is_directory(path))
+    std::error_code error;
+    const bool folder = std::filesystem::is_directory(path, error);
+    if (folder && !rawOptions)
+        return ReadDicomSeries(path, source.series);
+    if (source.series)
         throw UsageError(Prefix(context) + "--series is for DICOM folders");
-    if (rawOptions && !std::filesystem::is_directory(path)) {
+    if (rawOptions && !folder) {
         const SampleFile file = ParseRawLayout(context, source);
         const auto bytes = ReadWholeFile(path);
         Volume volume = VolumeFromSamples(source.input, "raw", file, LoadSamples(source.input, file, bytes, false));
@@ -120,7 +125,6 @@ Volume LoadVolume(std::string_view context, const VolumeSource& source)
         return ReadMetaImage(path);
     if (HasExtension(path, {".nii", ".nii.gz"}))
         return ReadNifti(path);
-    std::error_code error;
     if (!std::filesystem::exists(path, error))
         throw InputError(source.input + ": no such file or folder");
     throw UsageError(Prefix(context) + source.input + ": " + std::string(kKnownInputs));
