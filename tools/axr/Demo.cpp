@@ -50,9 +50,8 @@ constexpr const char* kHelp =
     "Options:\n"
     "  --out DIR         folder for the pictures, made when missing (default demo-output)\n"
     "  --size N          phantom voxels per axis, 16 to 1024 (default 256)\n"
-    "  --threads N       threads that generate the phantom, 1 to 256 (default: one per\n"
-    "                    hardware thread). Renders always run on all of the library's\n"
-    "                    render threads: its public API has no thread-count choice.\n"
+    "  --threads N       threads that generate and render, at most the processors the\n"
+    "                    tool may use (default: all of them)\n"
     "  --uneven-spacing  widen a few slice gaps to two voxels\n"
     "  -h, --help        this text\n"
     "\n"
@@ -141,7 +140,7 @@ DemoOptions ParseDemoArguments(std::span<const std::string> arguments, bool& hel
         } else if (argument == "--size") {
             options.size = ParseIntOption(kContext, argument, NeedValue(arguments, i), 16, 1024);
         } else if (argument == "--threads") {
-            options.threads = ParseIntOption(kContext, argument, NeedValue(arguments, i), 1, 256);
+            options.threads = ParseIntOption(kContext, argument, NeedValue(arguments, i), 1, 1024);
         } else if (argument == "--uneven-spacing") {
             options.unevenSpacing = true;
         } else {
@@ -202,6 +201,8 @@ int DemoCommand(std::span<const std::string> arguments, std::ostream& out, std::
         out << kHelp;
         return kExitSuccess;
     }
+    if (options.threads > 0)
+        LimitRenderThreads(kContext, options.threads);
     try {
         return RunDemo(options, out, err);
     } catch (const std::exception& e) {

@@ -11,7 +11,7 @@ namespace Axr {
 struct DemoOptions {
     std::filesystem::path outputFolder = "demo-output";
     std::int32_t size = 256;
-    std::int32_t threads = 0;  // phantom generator threads; 0: one per hardware thread
+    std::int32_t threads = 0;  // generator and render threads; 0: all processors
     bool unevenSpacing = false;
 };
 

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <stdexcept>
+#include <string_view>
 
 namespace Axr {
 
@@ -26,5 +27,11 @@ double RenderView(Ax::Rendering::MprRenderer& renderer, Ax::Rendering::ImageStac
                   const Ax::Primitives::Matrix44& volumeToView, Ax::Rendering::ProjectionMode mode,
                   std::int32_t sliceCount, float sliceSpacing, Ax::Rendering::RasterImage& canvas,
                   Ax::Rendering::IAborter* aborter = nullptr);
+
+/// Keeps the process to the first `threads` processors it may use. The library sizes
+/// its render threads from that set when it starts, so this must come before
+/// Initializer::Initialize; afterwards it throws std::logic_error. Throws UsageError,
+/// naming `context`, for more threads than processors.
+void LimitRenderThreads(std::string_view context, std::int32_t threads);
 
 }  // namespace Axr

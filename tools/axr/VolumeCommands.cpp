@@ -12,14 +12,10 @@
 
 #include "ax/primitives/Matrix44.h"
 #include "ax/rendering/ImageStack.h"
-#include "ax/rendering/Initializer.h"
 #include "ax/rendering/MemoryRasterImage.h"
 #include "ax/rendering/MprRenderer.h"
 
-#include <sched.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <iomanip>
@@ -523,33 +519,10 @@ void WriteOutput(const MprOptions& options, const MemoryRasterImage& canvas, boo
     WriteGreyPng(options.output, width, height, std::span<const std::uint8_t>(grey));
 }
 
-// Keeps the process to the first `threads` processors it may use; the library sizes
-// its render threads from that set when it starts, so this must come first.
-void LimitThreads(std::int32_t threads)
-{
-    cpu_set_t allowed;
-    CPU_ZERO(&allowed);
-    if (sched_getaffinity(0, sizeof allowed, &allowed) != 0)
-        throw std::runtime_error(std::string("cannot read the processor set: ") + std::strerror(errno));
-    const int available = CPU_COUNT(&allowed);
-    if (threads > available)
-        throw UsageError(std::string(kMpr) + ": --threads " + std::to_string(threads) + ", but the tool may use only " +
-                         std::to_string(available) + " processors");
-    int kept = 0;
-    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu)
-        if (CPU_ISSET(cpu, &allowed) && kept++ >= threads)
-            CPU_CLR(cpu, &allowed);
-    if (sched_setaffinity(0, sizeof allowed, &allowed) != 0)
-        throw std::runtime_error(std::string("cannot limit the processor set: ") + std::strerror(errno));
-}
-
 int RunMpr(const MprOptions& options, std::ostream& out, std::ostream& err)
 {
-    if (options.threads) {
-        if (Ax::Rendering::Initializer::IsInitialized())
-            throw std::logic_error("--threads must be applied before the library starts");
-        LimitThreads(*options.threads);
-    }
+    if (options.threads)
+        LimitRenderThreads(kMpr, *options.threads);
     const Volume volume = LoadVolume(kMpr, options.source);
     ImageStack& stack = *volume.stack;
     const bool isSigned = IsSignedStack(stack);
