@@ -1,47 +1,13 @@
-#include <gtest/gtest.h>
+#include "AxrTestSupport.h"
 
-#include <sys/wait.h>
-
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 namespace {
 
-// Runs the built tool through the shell; the exit status, stdout and stderr.
-struct ToolRun {
-    int status = -1;
-    std::string out, err;
-};
-
-ToolRun RunAxr(const std::string& arguments, const std::filesystem::path& scratch)
-{
-    const auto outFile = scratch / "stdout.txt", errFile = scratch / "stderr.txt";
-    const std::string command = std::string("'") + AXR_EXECUTABLE + "' " + arguments + " >'" + outFile.string() +
-                                "' 2>'" + errFile.string() + "'";
-    const int raw = std::system(command.c_str());
-    const auto slurp = [](const std::filesystem::path& path) {
-        std::ifstream in(path);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    };
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(outFile), slurp(errFile)};
-}
-
-class CommandLineTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        m_scratch = std::filesystem::temp_directory_path() /
-                    ("axr-cli-test-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-        std::filesystem::remove_all(m_scratch);
-        std::filesystem::create_directories(m_scratch);
-    }
-    void TearDown() override { std::filesystem::remove_all(m_scratch); }
-
-    std::filesystem::path m_scratch;
-};
+using AxrTest::RunAxr;
+using AxrTest::ToolRun;
+using CommandLineTest = AxrTest::ScratchTest;
 
 TEST_F(CommandLineTest, DemoWritesEveryPictureAndOneLineEach)
 {

@@ -1,13 +1,12 @@
 #include "DicomReader.h"
 
+#include "axr/AxrTestSupport.h"
 #include "axr/DicomTestSeries.h"
 #include "support/MessageOf.h"
 
 #include "ax/rendering/Initializer.h"
 
 #include <gtest/gtest.h>
-
-#include <unistd.h>
 
 #include <cmath>
 #include <cstring>
@@ -46,42 +45,32 @@ void ExpectImage(const Volume& volume, std::int32_t k, const std::function<doubl
     return ::testing::AssertionFailure() << "no note holds '" << text << "':" << all;
 }
 
-class DicomReaderTest : public ::testing::Test {
+class DicomReaderTest : public AxrTest::ScratchTest {
 protected:
     static void SetUpTestSuite() { Ax::Rendering::Initializer::Initialize(); }
-    void SetUp() override
-    {
-        m_folder = std::filesystem::temp_directory_path() /
-                   ("axr-dicom-" + std::to_string(getpid()) + "-" +
-                    ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        Empty();
-    }
-    void TearDown() override { std::filesystem::remove_all(m_folder); }
 
     void Empty() const
     {
-        std::filesystem::remove_all(m_folder);
-        std::filesystem::create_directories(m_folder);
+        std::filesystem::remove_all(m_scratch);
+        std::filesystem::create_directories(m_scratch);
     }
     void Write(const std::string& name, const DicomSlice& slice,
                DicomEncoding encoding = DicomEncoding::ExplicitLittle) const
     {
-        WriteDicom(m_folder / name, slice, encoding);
+        WriteDicom(m_scratch / name, slice, encoding);
     }
     void WriteBytes(const std::string& name, const std::string& bytes) const
     {
-        std::ofstream(m_folder / name, std::ios::binary) << bytes;
+        std::ofstream(m_scratch / name, std::ios::binary) << bytes;
     }
     Volume Read(const std::optional<std::string>& uid = std::nullopt) const
     {
-        return Axr::ReadDicomSeries(m_folder, uid);
+        return Axr::ReadDicomSeries(m_scratch, uid);
     }
     std::string Refusal(const std::optional<std::string>& uid = std::nullopt) const
     {
         return MessageOf<InputError>([&] { (void)Read(uid); });
     }
-
-    std::filesystem::path m_folder;
 };
 
 // File names, their numbers and the spatial order all disagree; two positions carry
@@ -238,9 +227,9 @@ TEST_F(DicomReaderTest, TheLargestSeriesIsChosenUnlessOneIsNamedAndOtherFilesAre
     const Volume named = Read(kSeriesB);
     EXPECT_EQ(named.stack->NumberOfImages(), 2);
     EXPECT_TRUE(HasNote(named, "also in the folder: series " + kSeriesA + ", 3 slices"));
-    EXPECT_EQ(Refusal("1.2.3"), m_folder.string() + ": no series 1.2.3; the folder holds 1.2.3.9 (1 slice), " +
+    EXPECT_EQ(Refusal("1.2.3"), m_scratch.string() + ": no series 1.2.3; the folder holds 1.2.3.9 (1 slice), " +
                                     kSeriesA + " (3 slices), " + kSeriesB + " (2 slices)");
-    EXPECT_EQ(Refusal("1.2.3.9"), (m_folder / "broken").string() + ": Pixel Spacing '0.5\\x' is not 2 numbers");
+    EXPECT_EQ(Refusal("1.2.3.9"), (m_scratch / "broken").string() + ": Pixel Spacing '0.5\\x' is not 2 numbers");
 }
 
 TEST_F(DicomReaderTest, ASingleSliceNeedsNoGeometryAndMonochrome1IsKeptWithANote)
@@ -304,13 +293,13 @@ TEST_F(DicomReaderTest, InconsistentOrDamagedSeriesAreRefusedNamingTheCulprit)
             Write(std::string(1, file), slice);
         }
         if (test.damage)
-            test.damage(m_folder / "c");
+            test.damage(m_scratch / "c");
         std::string expected = test.expected;
         if (expected.starts_with('@'))
-            expected.replace(0, 1, m_folder.string());
+            expected.replace(0, 1, m_scratch.string());
         const std::string message = Refusal();
         EXPECT_NE(message.find(expected), std::string::npos) << message;
-        EXPECT_TRUE(message.starts_with(m_folder.string())) << message;
+        EXPECT_TRUE(message.starts_with(m_scratch.string())) << message;
     }
 }
 
@@ -325,7 +314,7 @@ TEST_F(DicomReaderTest, AFileCutAtAnyLengthIsRefusedNamingItOrSkipped)
         Write("a", slice);
         slice.position = std::array{0.0, 0.0, 1.0};
         Write("c", slice, encoding);
-        std::ifstream in(m_folder / "c", std::ios::binary);
+        std::ifstream in(m_scratch / "c", std::ios::binary);
         const std::string bytes((std::istreambuf_iterator<char>(in)), {});
         for (std::size_t length = 0; length < bytes.size(); ++length) {
             SCOPED_TRACE("cut at " + std::to_string(length));
@@ -335,7 +324,7 @@ TEST_F(DicomReaderTest, AFileCutAtAnyLengthIsRefusedNamingItOrSkipped)
                 ASSERT_EQ(volume.stack->NumberOfImages(), 1);
                 ASSERT_TRUE(length < 132 || HasNote(volume, "skipped 1 DICOM file without an image"));
             } catch (const InputError& e) {
-                ASSERT_TRUE(std::string(e.what()).starts_with((m_folder / "c").string() + ": ")) << e.what();
+                ASSERT_TRUE(std::string(e.what()).starts_with((m_scratch / "c").string() + ": ")) << e.what();
             }
         }
     }

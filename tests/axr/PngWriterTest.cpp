@@ -2,7 +2,7 @@
 
 #include <png.h>
 
-#include <gtest/gtest.h>
+#include "AxrTestSupport.h"
 
 #include <csetjmp>
 #include <cstdio>
@@ -55,24 +55,12 @@ bool ReadGreyPng(const std::filesystem::path& path, ReadBack& out)
     return true;
 }
 
-class PngWriterTest : public ::testing::Test {
+class PngWriterTest : public AxrTest::ScratchTest {
 protected:
-    void SetUp() override
-    {
-        m_folder = std::filesystem::temp_directory_path() /
-                   ("axr-png-test-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "-" +
-                    ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(m_folder);
-        std::filesystem::create_directories(m_folder);
-    }
-    void TearDown() override { std::filesystem::remove_all(m_folder); }
-
     [[nodiscard]] std::size_t FilesInFolder() const
     {
-        return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(m_folder), {}));
+        return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(m_scratch), {}));
     }
-
-    std::filesystem::path m_folder;
 };
 
 TEST_F(PngWriterTest, EightAndSixteenBitGreyComeBackUnchanged)
@@ -85,12 +73,12 @@ TEST_F(PngWriterTest, EightAndSixteenBitGreyComeBackUnchanged)
         grey8[i] = static_cast<std::uint8_t>(i * 37);
         grey16[i] = static_cast<std::uint16_t>(i * 1877 + (i == 0 ? 0xFFFF : 0));
     }
-    WriteGreyPng(m_folder / "eight.png", w, h, std::span<const std::uint8_t>(grey8));
-    WriteGreyPng(m_folder / "sixteen.png", w, h, std::span<const std::uint16_t>(grey16));
+    WriteGreyPng(m_scratch / "eight.png", w, h, std::span<const std::uint8_t>(grey8));
+    WriteGreyPng(m_scratch / "sixteen.png", w, h, std::span<const std::uint16_t>(grey16));
 
     ReadBack eight, sixteen;
-    ASSERT_TRUE(ReadGreyPng(m_folder / "eight.png", eight));
-    ASSERT_TRUE(ReadGreyPng(m_folder / "sixteen.png", sixteen));
+    ASSERT_TRUE(ReadGreyPng(m_scratch / "eight.png", eight));
+    ASSERT_TRUE(ReadGreyPng(m_scratch / "sixteen.png", sixteen));
     EXPECT_EQ(eight.width, png_uint_32{w});
     EXPECT_EQ(eight.height, png_uint_32{h});
     EXPECT_EQ(eight.bitDepth, 8);
@@ -104,10 +92,10 @@ TEST_F(PngWriterTest, EightAndSixteenBitGreyComeBackUnchanged)
 TEST_F(PngWriterTest, ReplacesAnExistingFileWhole)
 {
     const std::vector<std::uint8_t> big(64 * 64, 200), small(2 * 2, 9);
-    WriteGreyPng(m_folder / "picture.png", 64, 64, std::span<const std::uint8_t>(big));
-    WriteGreyPng(m_folder / "picture.png", 2, 2, std::span<const std::uint8_t>(small));
+    WriteGreyPng(m_scratch / "picture.png", 64, 64, std::span<const std::uint8_t>(big));
+    WriteGreyPng(m_scratch / "picture.png", 2, 2, std::span<const std::uint8_t>(small));
     ReadBack back;
-    ASSERT_TRUE(ReadGreyPng(m_folder / "picture.png", back));
+    ASSERT_TRUE(ReadGreyPng(m_scratch / "picture.png", back));
     EXPECT_EQ(back.width, 2u);
     EXPECT_EQ(back.samples, std::vector<std::uint16_t>(4, 9));
     EXPECT_EQ(FilesInFolder(), 1u);
@@ -124,15 +112,15 @@ TEST_F(PngWriterTest, FailuresNameTheFileAndLeaveNothingBehind)
         }
         return "no error";
     };
-    const auto missing = m_folder / "no-such-folder" / "a.png";
+    const auto missing = m_scratch / "no-such-folder" / "a.png";
     EXPECT_EQ(messageOf(missing, 2, 2), "cannot write " + missing.string() + ": No such file or directory");
-    EXPECT_EQ(messageOf(m_folder / "b.png", 3, 2), "cannot write " + (m_folder / "b.png").string() +
+    EXPECT_EQ(messageOf(m_scratch / "b.png", 3, 2), "cannot write " + (m_scratch / "b.png").string() +
                                                        ": 4 pixels given for 3 x 2");
-    EXPECT_EQ(messageOf(m_folder / "c.png", 0, 4), "cannot write " + (m_folder / "c.png").string() +
+    EXPECT_EQ(messageOf(m_scratch / "c.png", 0, 4), "cannot write " + (m_scratch / "c.png").string() +
                                                        ": empty picture (0 x 4)");
     // A folder in the way of the rename: the temporary file must go too.
-    std::filesystem::create_directories(m_folder / "d.png" / "occupied");
-    EXPECT_NE(messageOf(m_folder / "d.png", 2, 2), "no error");
+    std::filesystem::create_directories(m_scratch / "d.png" / "occupied");
+    EXPECT_NE(messageOf(m_scratch / "d.png", 2, 2), "no error");
     EXPECT_EQ(FilesInFolder(), 1u);
 }
 

@@ -1,3 +1,4 @@
+#include "AxrTestSupport.h"
 #include "DicomTestSeries.h"
 #include "TestVolumeFiles.h"
 
@@ -30,25 +31,9 @@ using Ax::Rendering::MemoryRasterImage;
 using Ax::Rendering::MprRenderer;
 using Ax::Rendering::ProjectionMode;
 
-struct ToolRun {
-    int status = -1;
-    std::string out, err;
-};
-
-std::string Slurp(const std::filesystem::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-ToolRun RunAxr(const std::string& arguments, const std::filesystem::path& scratch)
-{
-    const auto outFile = scratch / "stdout.txt", errFile = scratch / "stderr.txt";
-    const std::string command = "cd '" + scratch.string() + "' && '" + AXR_EXECUTABLE + "' " + arguments + " >'" +
-                                outFile.string() + "' 2>'" + errFile.string() + "'";
-    const int raw = std::system(command.c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(outFile), Slurp(errFile)};
-}
+using AxrTest::RunAxr;
+using AxrTest::Slurp;
+using AxrTest::ToolRun;
 
 // A small volume whose values vary along every axis and, for signed data, go
 // negative, so a swapped byte order or a lost sign changes the picture.
@@ -64,12 +49,6 @@ std::vector<std::uint16_t> TestVolume(bool isSigned)
                 values.push_back(static_cast<std::uint16_t>(isSigned ? value - 2000 : value + 300));
             }
     return values;
-}
-
-void WriteBytes(const std::filesystem::path& path, const AxrTest::Bytes& bytes)
-{
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 void WriteRaw(const std::filesystem::path& path, const std::vector<std::uint16_t>& values, bool bigEndian)
@@ -118,17 +97,8 @@ std::vector<std::uint16_t> LibraryAxial(const std::vector<std::uint16_t>& values
     return pixels;
 }
 
-class VolumeCommandsTest : public ::testing::Test {
+class VolumeCommandsTest : public AxrTest::ScratchTest {
 protected:
-    void SetUp() override
-    {
-        m_scratch = std::filesystem::temp_directory_path() /
-                    ("axr-volume-test-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-        std::filesystem::remove_all(m_scratch);
-        std::filesystem::create_directories(m_scratch);
-    }
-    void TearDown() override { std::filesystem::remove_all(m_scratch); }
-
     // Files in the scratch folder other than the captured output streams.
     [[nodiscard]] std::vector<std::string> OtherFiles(const std::vector<std::string>& expected) const
     {
@@ -141,8 +111,6 @@ protected:
         }
         return names;
     }
-
-    std::filesystem::path m_scratch;
 };
 
 void ExpectOneLine(const ToolRun& run)
@@ -205,7 +173,7 @@ TEST_F(VolumeCommandsTest, EveryFormatRendersAsTheLibraryRendersItsStack)
                                     AxrTest::DicomEncoding::ExplicitLittle);
             }
         } else {
-            WriteBytes(m_scratch / file,
+            AxrTest::WriteFile<std::byte>(m_scratch / file,
                        file == "v.nii" ? AxrTest::Nifti({kWidth, kHeight, kDepth}, 4, 16, samples, 0, 0, {1, 1, 1})
                        : c.header != nullptr ? AxrTest::Join(c.header, samples)
                                              : samples);
@@ -232,7 +200,7 @@ TEST_F(VolumeCommandsTest, ViewsHaveTrueProportions)
             samples.push_back(static_cast<std::byte>(z * 100 & 0xFF));
             samples.push_back(static_cast<std::byte>(z * 100 >> 8));
         }
-    WriteBytes(m_scratch / "v.nrrd",
+    AxrTest::WriteFile<std::byte>(m_scratch / "v.nrrd",
                AxrTest::Join("NRRD0004\ntype: ushort\ndimension: 3\nsizes: 8 8 4\nspacings: 1 1 3\n"
                              "endian: little\nencoding: raw\n\n",
                              samples));

@@ -1,3 +1,4 @@
+#include "AxrTestSupport.h"
 #include "TestVolumeFiles.h"
 #include "VolumeInput.h"
 
@@ -61,22 +62,12 @@ const std::string kNrrdI16 = "NRRD0004\n# a comment\ntype: short\ndimension: 3\n
 const std::string kMhaI16 = "ObjectType = Image\nNDims = 3\nDimSize = 6 5 4\nElementType = MET_SHORT\n"
                             "ElementSpacing = 0.5 0.5 2\nBinaryDataByteOrderMSB = False\nElementDataFile = LOCAL\n";
 
-class VolumeReadersTest : public ::testing::Test {
+class VolumeReadersTest : public ScratchTest {
 protected:
-    void SetUp() override
-    {
-        m_folder = std::filesystem::temp_directory_path() /
-                   ("axr-readers-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-        std::filesystem::remove_all(m_folder);
-        std::filesystem::create_directories(m_folder);
-    }
-    void TearDown() override { std::filesystem::remove_all(m_folder); }
-
     std::filesystem::path Write(const std::string& name, const Bytes& bytes) const
     {
-        std::ofstream out(m_folder / name, std::ios::binary);
-        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-        return m_folder / name;
+        WriteFile(m_scratch / name, std::span<const std::byte>(bytes));
+        return m_scratch / name;
     }
 
     static Axr::Volume Load(const std::filesystem::path& path)
@@ -86,7 +77,6 @@ protected:
         return Axr::LoadVolume("test", source);
     }
 
-    std::filesystem::path m_folder;
 };
 
 // Every voxel of `volume` is ValueAt + `offset`, read as the stack's signedness.
@@ -152,11 +142,11 @@ TEST_F(VolumeReadersTest, DetachedDataFilesAreFoundBesideTheHeader)
     Write("v.nhdr", Join("NRRD0004\ntype: int16\ndimension: 3\nsizes: 6 5 4\nendian: big\nencoding: raw\n"
                          "data file: data.raw\n",
                          {}));
-    ExpectValues(Load(m_folder / "v.nhdr"), true, 0);
+    ExpectValues(Load(m_scratch / "v.nhdr"), true, 0);
     Write("v.mhd", Join("NDims = 3\nDimSize = 6 5 4\nElementType = MET_SHORT\nElementByteOrderMSB = True\n"
                         "ElementDataFile = data.raw\n",
                         {}));
-    ExpectValues(Load(m_folder / "v.mhd"), true, 0);
+    ExpectValues(Load(m_scratch / "v.mhd"), true, 0);
 }
 
 TEST_F(VolumeReadersTest, DamagedFilesGiveOneLineNamingTheFieldAndNeverAllocateWhatTheyClaim)
