@@ -457,13 +457,8 @@ struct Placement {
 // written with its high bits set would never match.
 [[nodiscard]] double StoredPadding(std::uint16_t bits, bool isSigned, std::int32_t bitsStored) noexcept
 {
-    std::int64_t value = isSigned ? std::int64_t{static_cast<std::int16_t>(bits)} : std::int64_t{bits};
-    if (bitsStored > 0 && bitsStored < 32) {
-        value &= (std::int64_t{1} << bitsStored) - 1;
-        if (isSigned && (value >> (bitsStored - 1)) != 0)
-            value -= std::int64_t{1} << bitsStored;
-    }
-    return static_cast<double>(value);
+    const std::int64_t value = isSigned ? std::int64_t{static_cast<std::int16_t>(bits)} : std::int64_t{bits};
+    return static_cast<double>(KeepStoredBits(value, bitsStored, isSigned));
 }
 
 [[nodiscard]] std::vector<std::byte> ReadPixels(const SliceHeader& slice)

@@ -77,15 +77,7 @@ public:
         case ScalarType::I32: raw = Load<std::int32_t>(at); break;
         default: raw = Load<std::uint32_t>(at); break;
         }
-        if (m_bits == 0)
-            return static_cast<double>(raw);
-        // Bits above the stored ones may hold overlays or garbage; the value is the
-        // low bits alone, its top bit the sign for signed data.
-        const std::int64_t mask = (std::int64_t{1} << m_bits) - 1;
-        raw &= mask;
-        if (m_isSigned && (raw >> (m_bits - 1)) != 0)
-            raw -= std::int64_t{1} << m_bits;
-        return static_cast<double>(raw);
+        return static_cast<double>(KeepStoredBits(raw, m_bits, m_isSigned));
     }
 
 private:
@@ -140,6 +132,16 @@ struct Range {
 }  // namespace
 
 std::size_t SizeOf(ScalarType type) noexcept { return InfoOf(type).size; }
+
+std::int64_t KeepStoredBits(std::int64_t raw, std::int32_t bits, bool isSigned) noexcept
+{
+    if (bits <= 0 || bits >= 64)
+        return raw;
+    raw &= (std::int64_t{1} << bits) - 1;
+    if (isSigned && (raw >> (bits - 1)) != 0)
+        raw -= std::int64_t{1} << bits;
+    return raw;
+}
 
 std::string_view NameOf(ScalarType type) noexcept { return InfoOf(type).name; }
 

@@ -24,6 +24,11 @@ enum class ScalarType { I8, U8, I16, U16, I32, U32, F32, F64 };
 /// Reverses the bytes of every sample of `size` bytes in place.
 void SwapSampleBytes(std::span<std::byte> bytes, std::size_t size) noexcept;
 
+/// `raw` cut to its low `bits` bits and sign-extended when `isSigned`: the value of
+/// a sample whose higher bits may hold overlays or garbage. `raw` itself for `bits`
+/// outside 1 .. 63.
+[[nodiscard]] std::int64_t KeepStoredBits(std::int64_t raw, std::int32_t bits, bool isSigned) noexcept;
+
 /// value = stored * slope + intercept, as DICOM and NIfTI rescale.
 struct Rescale {
     double slope = 1, intercept = 0;
