@@ -9,6 +9,7 @@
 
 class QelRasterImage;
 class QelImageStackFixedPointAccelerator;
+class QelImageStackSegmentationAccelerator;
 
 /// One slice of a stack. With `Owned` the stack deletes the image when the slice
 /// goes; otherwise the image belongs to the caller, who keeps it alive.
@@ -127,6 +128,11 @@ public:
     /// Built on first demand and kept until the next change; null for an empty stack
     /// or when memory runs out. Safe to call from several threads at once.
     [[nodiscard]] virtual const QelImageStackFixedPointAccelerator* FixedPointAccelerator() const = 0;
+    /// Made with the stack and never null; its tables are emptied at every change and
+    /// filled again on demand.
+    [[nodiscard]] virtual QelImageStackSegmentationAccelerator* SegmentationAccelerator() noexcept = 0;
+    [[nodiscard]] virtual const QelImageStackSegmentationAccelerator* SegmentationAccelerator() const noexcept = 0;
+    /// Deletes the fixed-point accelerator and empties the segmentation accelerator.
     virtual void DropAccelerators() noexcept = 0;
 
     // Kept for the caller and copied by ImportStack; nothing else reads them.

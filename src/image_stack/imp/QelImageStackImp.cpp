@@ -75,7 +75,8 @@ bool QelImageStackImp::Init() noexcept
 {
     m_records = QelArray<QelImageRecord>::New(0, kNoRecord, m_recordsManager);
     m_dataMapping.reset(new (std::nothrow) QelDataMapping);
-    return m_records && m_dataMapping;
+    m_segmentation = QelImageStackSegmentationAccelerator::New(*this);
+    return m_records && m_dataMapping && m_segmentation;
 }
 
 QelImageStackImp::~QelImageStackImp()
@@ -117,12 +118,19 @@ void QelImageStackImp::LoseRecords() noexcept
     ClearGeometry();
     m_changed = true;
     DropFixedPointAccelerator();
+    RebuildSegmentation();
 }
 
 void QelImageStackImp::DropFixedPointAccelerator() noexcept
 {
     m_fixedPoint.store(nullptr, std::memory_order_relaxed);
     m_fixedPointOwner.reset();
+}
+
+void QelImageStackImp::RebuildSegmentation() noexcept
+{
+    m_segmentation->DropTables();
+    m_segmentation->Rebuild(SerialNumber());
 }
 
 void QelImageStackImp::Reset()
@@ -133,6 +141,7 @@ void QelImageStackImp::Reset()
     m_signed = false;
     ClearGeometry();
     Changed();
+    RebuildSegmentation();
 }
 
 bool QelImageStackImp::ImportStack(const QelImageStack& other, float zScale, bool shortenBox)
@@ -189,6 +198,7 @@ bool QelImageStackImp::ImportStack(const QelImageStack& other, float zScale, boo
     std::copy_n(storedRange, 2, m_storedRange);
     m_dataMapping = std::move(mapping);
     Changed();
+    RebuildSegmentation();
     return true;
 }
 
@@ -220,6 +230,7 @@ bool QelImageStackImp::InsertImage(QelRasterImage* image, float z, bool owned, b
         return false;
     }
     m_changed = true;
+    m_segmentation->DropTables();
 
     QelImageRecord* records = RecordData();
     const std::int32_t index = lower + 1;
@@ -241,6 +252,7 @@ bool QelImageStackImp::InsertImage(QelRasterImage* image, float z, bool owned, b
         m_maxPoint.SetZ(z);
         m_box.Z.Max = zBox;
     }
+    m_segmentation->ImageInserted(z, index, SerialNumber());
     DropFixedPointAccelerator();
     return true;
 }
@@ -256,12 +268,14 @@ bool QelImageStackImp::ReplaceImage(QelRasterImage* image, float z, bool owned, 
     if (index == -1)
         return false;
     Changed();
+    m_segmentation->DropTables();
     QelImageRecord& record = RecordData()[index];
     // Putting an owned image in its own place must not delete it.
     if (record.Owned && record.Image != image)
         delete record.Image;
     record.Image = image;
     record.Owned = owned;
+    m_segmentation->ImageReplaced(z, index, SerialNumber());
     return true;
 }
 
@@ -281,6 +295,7 @@ bool QelImageStackImp::RemoveImageAt(std::int32_t index)
     if (static_cast<std::uint32_t>(index) >= static_cast<std::uint64_t>(m_records->Length()))
         return false;
     m_changed = true;
+    m_segmentation->DropTables();
     QelImageRecord* records = RecordData();
     if (records[index].Owned)
         delete records[index].Image;
@@ -292,12 +307,14 @@ bool QelImageStackImp::RemoveImageAt(std::int32_t index)
     }
     m_count = count;
     Changed();
+    m_segmentation->DropRowTable();
 
     if (count == 0) {
         // Width, height and the box's x and y stay: only Reset forgets them.
         m_minPoint = QelVector3{0.0f, 0.0f, 0.0f};
         m_maxPoint = QelVector3{0.0f, 0.0f, 1.0f};
         m_box.Z = QelIntRange(0, 0);
+        m_segmentation->Rebuild(SerialNumber());
         return true;
     }
     records = RecordData();
@@ -306,6 +323,7 @@ bool QelImageStackImp::RemoveImageAt(std::int32_t index)
     m_minPoint = QelVector3{0.0f, 0.0f, first.Z};
     m_maxPoint = QelVector3{static_cast<float>(last.Image->Width()), static_cast<float>(last.Image->Height()), last.Z};
     m_box.Z = QelIntRange(static_cast<std::int32_t>(first.Z), static_cast<std::int32_t>(last.Z));
+    m_segmentation->Rebuild(SerialNumber());
     return true;
 }
 
@@ -491,5 +509,31 @@ bool QelImageStackImp::VerifyGuarded(char* message, std::uint32_t size) const
                 return Fail(message, size, "Invalid Image Bpl in accelerator (slice=%d)", i);
         }
     }
+
+    const QelImageStackSegmentationAccelerator& segmentation = *m_segmentation;
+    std::int32_t hint = 0;
+    for (std::int32_t row = 0; row < segmentation.RowCount(); ++row) {
+        const std::uint8_t* above = nullptr;
+        const std::uint8_t* below = nullptr;
+        (void)segmentation.RowAt(row, above, below);
+        if (above && !IsSliceOrigin(above, hint))
+            return Fail(message, size, "Invalid Image Above pointer in Segmentation accelerator (seg slice=%d)", row);
+        if (below && !IsSliceOrigin(below, hint))
+            return Fail(message, size, "Invalid Image Below pointer in Segmentation accelerator (seg slice=%d)", row);
+    }
     return true;
+}
+
+bool QelImageStackImp::IsSliceOrigin(const std::uint8_t* origin, std::int32_t& hint) const noexcept
+{
+    // Rows climb through the slices, so the search starts where the last one ended.
+    const QelImageRecord* records = m_records->Data();
+    for (std::int32_t step = 0; step < m_count; ++step) {
+        const std::int32_t i = (hint + step) % m_count;
+        if (records[i].Image && records[i].Image->OriginAddress() == origin) {
+            hint = i;
+            return true;
+        }
+    }
+    return false;
 }

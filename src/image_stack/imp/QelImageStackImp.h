@@ -3,6 +3,7 @@
 #include "base/QelArray.h"
 #include "image_stack/QelImageStack.h"
 #include "image_stack/QelImageStackFixedPointAccelerator.h"
+#include "image_stack/QelImageStackSegmentationAccelerator.h"
 #include "threaded/QelCriticalSection.h"
 
 #include <atomic>
@@ -61,7 +62,19 @@ public:
                                        std::int32_t& hint) const override;
 
     [[nodiscard]] const QelImageStackFixedPointAccelerator* FixedPointAccelerator() const override;
-    void DropAccelerators() noexcept override { DropFixedPointAccelerator(); }
+    [[nodiscard]] QelImageStackSegmentationAccelerator* SegmentationAccelerator() noexcept override
+    {
+        return m_segmentation.get();
+    }
+    [[nodiscard]] const QelImageStackSegmentationAccelerator* SegmentationAccelerator() const noexcept override
+    {
+        return m_segmentation.get();
+    }
+    void DropAccelerators() noexcept override
+    {
+        DropFixedPointAccelerator();
+        m_segmentation->DropTables();
+    }
 
     void SetValuePair(std::int32_t first, std::int32_t second) noexcept override;
     bool ValuePair(std::int32_t* first, std::int32_t* second) const noexcept override;
@@ -89,9 +102,15 @@ private:
     // the images they own, are lost to it.
     void LoseRecords() noexcept;
     void DropFixedPointAccelerator() noexcept;
+    // For the changes that replace the whole stack at once: the segmentation accelerator
+    // forgets its tables and takes the new box.
+    void RebuildSegmentation() noexcept;
     // The body of Verify, run under the fault guard; it owns nothing, because a fault
     // leaves its frame without unwinding.
     [[nodiscard]] bool VerifyGuarded(char* message, std::uint32_t size) const;
+    // Whether `origin` is pixel (0, 0) of a slice, searching from slice `hint`, which
+    // is left at the slice found.
+    [[nodiscard]] bool IsSliceOrigin(const std::uint8_t* origin, std::int32_t& hint) const noexcept;
 
     std::unique_ptr<QelArray<QelImageRecord>> m_records;  // never null once made
     std::int32_t m_count = 0;
@@ -109,6 +128,7 @@ private:
     // under the lock, and the pointer is published through the atomic.
     mutable std::unique_ptr<QelImageStackFixedPointAccelerator> m_fixedPointOwner;
     mutable std::atomic<const QelImageStackFixedPointAccelerator*> m_fixedPoint{nullptr};
+    std::unique_ptr<QelImageStackSegmentationAccelerator> m_segmentation;  // never null once made
     bool m_changed = false;
     std::uint32_t m_serialNumber = 0;  // wraps, as the count of stacks times 65536 may
     mutable QelCriticalSection m_acceleratorLock;
