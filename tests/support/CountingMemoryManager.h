@@ -23,6 +23,10 @@ public:
         m_lastSize = size;
         if (m_failing)
             return nullptr;
+        if (m_allowed == 0)
+            return nullptr;
+        if (m_allowed > 0)
+            --m_allowed;
         void* block = std::malloc(size == 0 ? 1 : size);
         if (block)
             m_blocks.insert(block);
@@ -42,6 +46,8 @@ public:
     }
 
     void SetFailing(bool failing) noexcept { m_failing = failing; }
+    /// Lets `allowed` more Alloc calls succeed and fails the rest; -1 lifts the limit.
+    void SetFailAfter(int allowed) noexcept { m_allowed = allowed; }
 
     [[nodiscard]] std::size_t Outstanding() const noexcept { return m_blocks.size(); }
     [[nodiscard]] int AllocCalls() const noexcept { return m_allocCalls; }
@@ -54,4 +60,5 @@ private:
     int m_foreignFrees = 0;
     std::size_t m_lastSize = 0;
     bool m_failing = false;
+    int m_allowed = -1;
 };
