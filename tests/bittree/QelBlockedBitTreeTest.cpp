@@ -153,8 +153,9 @@ TEST(QelBlockedBitTreeTest, AFilledBlockBecomesTheMarkerAndGivesItsStorageBack)
     std::shuffle(order.begin(), order.end(), std::mt19937(TestSeed()));
     for (std::int32_t v : order) {
         ASSERT_TRUE(tree->SetBit(v & 31, v >> 5 & 31, v >> 10));
-        if (v != order.back())
+        if (v != order.back()) {
             ASSERT_EQ(tree->GetMemorySize(), kEmptyTree2 + kBlock);
+        }
     }
     EXPECT_EQ(tree->GetBlock(0), QelBlockedBitTree::FullBlock());
     EXPECT_EQ(tree->GetMemorySize(), kEmptyTree2);
