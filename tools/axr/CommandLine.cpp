@@ -60,4 +60,11 @@ std::int32_t ParseIntOption(std::string_view context, std::string_view option, s
     return value;
 }
 
+std::string NeedValue(std::string_view context, std::span<const std::string> arguments, std::size_t& i)
+{
+    if (i + 1 >= arguments.size())
+        throw UsageError(std::string(context) + ": " + arguments[i] + " needs a value");
+    return arguments[++i];
+}
+
 }  // namespace Axr

@@ -40,4 +40,8 @@ struct Command {
 [[nodiscard]] std::int32_t ParseIntOption(std::string_view context, std::string_view option, std::string_view text,
                                           std::int32_t min, std::int32_t max);
 
+/// The value after the option at arguments[i], moving i onto it; throws UsageError
+/// naming `context` when the option is the last argument.
+[[nodiscard]] std::string NeedValue(std::string_view context, std::span<const std::string> arguments, std::size_t& i);
+
 }  // namespace Axr

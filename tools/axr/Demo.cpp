@@ -116,13 +116,6 @@ struct DemoView {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 }
 
-[[nodiscard]] std::string NeedValue(std::span<const std::string> arguments, std::size_t& i)
-{
-    if (i + 1 >= arguments.size())
-        throw UsageError(std::string(kContext) + ": " + arguments[i] + " needs a value");
-    return arguments[++i];
-}
-
 }  // namespace
 
 DemoOptions ParseDemoArguments(std::span<const std::string> arguments, bool& help)
@@ -134,13 +127,13 @@ DemoOptions ParseDemoArguments(std::span<const std::string> arguments, bool& hel
         if (argument == "--help" || argument == "-h") {
             help = true;
         } else if (argument == "--out") {
-            options.outputFolder = NeedValue(arguments, i);
+            options.outputFolder = NeedValue(kContext, arguments, i);
             if (options.outputFolder.empty())
                 throw UsageError(std::string(kContext) + ": --out needs a folder");
         } else if (argument == "--size") {
-            options.size = ParseIntOption(kContext, argument, NeedValue(arguments, i), 16, 1024);
+            options.size = ParseIntOption(kContext, argument, NeedValue(kContext, arguments, i), 16, 1024);
         } else if (argument == "--threads") {
-            options.threads = ParseIntOption(kContext, argument, NeedValue(arguments, i), 1, 1024);
+            options.threads = ParseIntOption(kContext, argument, NeedValue(kContext, arguments, i), 1, 1024);
         } else if (argument == "--uneven-spacing") {
             options.unevenSpacing = true;
         } else {

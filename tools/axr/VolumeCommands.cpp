@@ -112,14 +112,6 @@ constexpr const char* kMprExamples =
     "  axr mpr ~/studies/head-ct/ --normal 0,1,1 --out oblique.png\n"
     "  axr mpr volume.nrrd --view axial --position 120 --repeat 20 --threads 1 --out axial.pgm\n";
 
-[[nodiscard]] std::string NeedValue(std::string_view context, std::span<const std::string> arguments,
-                                    std::size_t& i)
-{
-    if (i + 1 >= arguments.size())
-        throw UsageError(std::string(context) + ": " + arguments[i] + " needs a value");
-    return arguments[++i];
-}
-
 [[nodiscard]] bool IsSignedStack(const ImageStack& stack)
 {
     const auto format = stack.PixelFormat();
@@ -578,23 +570,6 @@ int RunMpr(const MprOptions& options, std::ostream& out, std::ostream& err)
             << *std::min_element(times.begin(), times.end()) << " ms, highest "
             << *std::max_element(times.begin(), times.end()) << " ms\n";
     return kExitSuccess;
-}
-
-// Input problems are the user's to fix, like a wrong option: status 2.
-template <typename Body>
-int GuardInput(std::string_view context, std::ostream& err, Body body)
-{
-    try {
-        return body();
-    } catch (const UsageError&) {
-        throw;
-    } catch (const InputError& e) {
-        err << context << ": " << e.what() << '\n';
-        return kExitUsage;
-    } catch (const std::exception& e) {
-        err << context << ": " << e.what() << '\n';
-        return kExitFailure;
-    }
 }
 
 }  // namespace

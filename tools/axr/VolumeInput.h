@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CommandLine.h"
 #include "StackBuilder.h"
 
 #include "ax/rendering/ImageStack.h"
@@ -8,6 +9,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -58,5 +60,24 @@ bool ParseVolumeOption(std::string_view context, std::span<const std::string> ar
 /// described by --dims and --type. Throws UsageError for wrong options, InputError
 /// for an unreadable file. Initializes the library.
 [[nodiscard]] Volume LoadVolume(std::string_view context, const VolumeSource& source);
+
+/// Runs a command's body and turns what it throws into one line on `err` and an exit
+/// status: an InputError is the user's to fix, like a wrong option (2); anything
+/// else is a failure of the work (1). A UsageError goes on to the command line.
+template <typename Body>
+int GuardInput(std::string_view context, std::ostream& err, Body body)
+{
+    try {
+        return body();
+    } catch (const UsageError&) {
+        throw;
+    } catch (const InputError& e) {
+        err << context << ": " << e.what() << '\n';
+        return kExitUsage;
+    } catch (const std::exception& e) {
+        err << context << ": " << e.what() << '\n';
+        return kExitFailure;
+    }
+}
 
 }  // namespace Axr

@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Demo.h"
+#include "MaskCommands.h"
 #include "VolumeCommands.h"
 
 #include <iostream>
@@ -13,6 +14,7 @@ constexpr Axr::Command kCommands[] = {
     {"demo", "render the built-in head phantom in several views and write PNGs", Axr::DemoCommand},
     {"info", "describe a volume: the phantom or a raw file", Axr::InfoCommand},
     {"mpr", "render one plane or slab of a volume into a PNG, PGM or raw file", Axr::MprCommand},
+    {"mask", "make masks by threshold, combine, grow, describe and export them", Axr::MaskCommand},
 };
 
 }  // namespace
