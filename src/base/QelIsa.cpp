@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr QelIsa kHighestIsa = QelIsa::Avx2;
+constexpr QelIsa kHighestIsa = QelIsa::Avx512;
 
 // The cap of the live QelIsaLimit objects; the highest level when there are none.
 constinit std::atomic<QelIsa> s_cap{kHighestIsa};
@@ -39,7 +39,13 @@ QelIsa DetectBestIsa() noexcept
         return QelIsa::Sse2;
     if (!__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx) || !(ebx & bit_AVX2))
         return QelIsa::Sse2;
-    return QelIsa::Avx2;
+    // The 512-bit level: foundation, byte/word and doubleword/quadword instructions,
+    // with the mask registers and all 32 ZMM registers saved by the system.
+    constexpr unsigned kAvx512Bits = bit_AVX512F | bit_AVX512BW | bit_AVX512DQ;
+    constexpr std::uint64_t kZmmState = 0xE6;
+    if ((ebx & kAvx512Bits) != kAvx512Bits || (ReadXcr0() & kZmmState) != kZmmState)
+        return QelIsa::Avx2;
+    return QelIsa::Avx512;
 }
 
 QelIsa HardwareBestIsa() noexcept
@@ -78,6 +84,8 @@ const char* QelIsaName(QelIsa isa) noexcept
         return "Sse2";
     case QelIsa::Avx2:
         return "Avx2";
+    case QelIsa::Avx512:
+        return "Avx512";
     }
     return "Unknown";
 }

@@ -9,7 +9,7 @@
 /// component with vector bodies keeps one table of function pointers per level and
 /// picks the table once, before its loops, with QelBestIsa(); every table gives the
 /// scalar table's results bit for bit.
-enum class QelIsa : std::uint8_t { Scalar, Sse2, Avx2 };
+enum class QelIsa : std::uint8_t { Scalar, Sse2, Avx2, Avx512 };
 
 /// The levels this processor and its operating system can run, lowest first;
 /// Scalar is always there. The answer ignores any QelIsaLimit, so that tests can
@@ -23,7 +23,7 @@ enum class QelIsa : std::uint8_t { Scalar, Sse2, Avx2 };
 /// The highest supported level, lowered to the cap of any live QelIsaLimit.
 [[nodiscard]] QelIsa QelBestIsa() noexcept;
 
-/// "Scalar", "Sse2" or "Avx2": usable as a test or benchmark name.
+/// "Scalar", "Sse2", "Avx2" or "Avx512": usable as a test or benchmark name.
 [[nodiscard]] const char* QelIsaName(QelIsa isa) noexcept;
 
 /// For tests: caps QelBestIsa() at `cap` while the object lives, so that the

@@ -60,6 +60,7 @@ const QelMatrix34Kernels& QelMatrix34KernelsFor(QelIsa isa) noexcept
     // A 3 by 4 product fills at most four lanes, so eight-lane registers would
     // only add shuffles: AVX2 machines run the SSE2 bodies.
     case QelIsa::Avx2:
+    case QelIsa::Avx512:
         return qel::sse2::kMatrix34Kernels;
     }
     return qel::scalar::kMatrix34Kernels;

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr QelIsa kAllIsas[] = {QelIsa::Scalar, QelIsa::Sse2, QelIsa::Avx2};
+constexpr QelIsa kAllIsas[] = {QelIsa::Scalar, QelIsa::Sse2, QelIsa::Avx2, QelIsa::Avx512};
 
 TEST(QelIsaTest, SupportedIsasRiseFromScalarWithoutGapsAndTheBestIsTheHighest)
 {
@@ -24,8 +24,8 @@ TEST(QelIsaTest, SupportedIsasRiseFromScalarWithoutGapsAndTheBestIsTheHighest)
         EXPECT_EQ(QelIsaSupported(isa), std::find(isas.begin(), isas.end(), isa) != isas.end()) << QelIsaName(isa);
 }
 
-// The kernel reports AVX2 only when the processor has it and the operating system
-// saves the YMM registers: the same conditions as ours.
+// The kernel reports AVX2 and AVX-512 only when the processor has them and the
+// operating system saves their registers: the same conditions as ours.
 TEST(QelIsaTest, DetectionAgreesWithTheOperatingSystem)
 {
     std::ifstream cpuinfo("/proc/cpuinfo");
@@ -36,12 +36,15 @@ TEST(QelIsaTest, DetectionAgreesWithTheOperatingSystem)
         GTEST_SKIP() << "no processor flags to compare with";
     std::istringstream flags(line.substr(line.find(':') + 1));
     bool hasSse2 = false, hasAvx2 = false;
+    int avx512Parts = 0;
     for (std::string flag; flags >> flag;) {
         hasSse2 = hasSse2 || flag == "sse2";
         hasAvx2 = hasAvx2 || flag == "avx2";
+        avx512Parts += flag == "avx512f" || flag == "avx512bw" || flag == "avx512dq";
     }
     EXPECT_EQ(QelIsaSupported(QelIsa::Sse2), hasSse2);
     EXPECT_EQ(QelIsaSupported(QelIsa::Avx2), hasAvx2);
+    EXPECT_EQ(QelIsaSupported(QelIsa::Avx512), hasAvx2 && avx512Parts == 3);
 }
 
 // An inner limit never raises an outer one, and each restores the cap it found.

@@ -19,6 +19,7 @@ QelThresholdRowFn QelThresholdRowFor(QelIsa isa) noexcept
     case QelIsa::Sse2:
         return &qel::sse2::ThresholdRow;
     case QelIsa::Avx2:
+    case QelIsa::Avx512:
         return &qel::avx2::ThresholdRow;
     }
     return &qel::scalar::ThresholdRow;

@@ -79,6 +79,8 @@ const QelSlabKernels& QelSlabKernelsFor(QelIsa isa) noexcept
         return qel::sse2::kSlabKernels;
     case QelIsa::Avx2:
         return qel::avx2::kSlabKernels;
+    case QelIsa::Avx512:
+        return qel::avx512::kSlabKernels;
     }
     return qel::scalar::kSlabKernels;
 }

@@ -106,6 +106,9 @@ extern const QelSlabKernels kSlabKernels;
 namespace qel::avx2 {
 extern const QelSlabKernels kSlabKernels;
 }  // namespace qel::avx2
+namespace qel::avx512 {
+extern const QelSlabKernels kSlabKernels;
+}  // namespace qel::avx512
 
 // Helpers shared by all bodies. Always inlined for the reason given in QelSlabSample.h.
 
