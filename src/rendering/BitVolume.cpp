@@ -122,6 +122,10 @@ BitVolume::BitVolume(std::int32_t width, std::int32_t height, std::int32_t depth
 BitVolume::BitVolume(const ImageStack& imageStack, std::int32_t depth, std::int32_t threshold)
 {
     CheckSize(depth, "The depth of the BitVolume cannot be zero or less.", "depth");
+    if (imageStack.NumberOfImages() > 0 && imageStack.BytesPerPixel() != 2)
+        throw Ax::System::ArgumentException("A BitVolume is thresholded from 16-bit pixels; this stack has " +
+                                                std::to_string(8 * imageStack.BytesPerPixel()) + "-bit pixels.",
+                                            "imageStack");
     const QelImageStack& stack = *imageStack.UnmanagedImageStack();
     const auto accelerator = QelImageStackSegmentationAccelerator::New(stack);
     if (!accelerator)

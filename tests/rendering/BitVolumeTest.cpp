@@ -285,6 +285,13 @@ TEST_F(BitVolumeTest, AThresholdMaskHasTheStacksSizeAndOnlyItsLowerSlices)
     ExpectVoxels(mask, expected);
     // A depth past the top examines every slice.
     EXPECT_TRUE(BitVolume(stack, 99, 1200).IsSet(36, 4, 3));
+
+    ImageStack bytes;
+    auto image = std::make_shared<MemoryRasterImage>();
+    image->Resize(GrayscalePixelFormat::Gray8(), Size(4, 4));
+    ASSERT_TRUE(bytes.InsertImage(image, 0));
+    EXPECT_EQ(MessageOf<ArgumentException>([&] { BitVolume volume(bytes, 1, 0); }),
+              "A BitVolume is thresholded from 16-bit pixels; this stack has 8-bit pixels.");
 }
 
 }  // namespace

@@ -29,7 +29,8 @@ public:
     BitVolume(std::int32_t width, std::int32_t height, std::int32_t depth, bool filled);
     /// The voxels of the stack at or above `threshold` that aren't padding, from the
     /// `depth` lowest slices; the mask has the stack's size and the slices from `depth`
-    /// up stay clear. Throws ArgumentException "depth" for a depth of 0 or less.
+    /// up stay clear. Throws ArgumentException "depth" for a depth of 0 or less, and
+    /// "imageStack" for a stack whose pixels aren't 16 bits.
     BitVolume(const ImageStack& imageStack, std::int32_t depth, std::int32_t threshold);
     /// Takes over a native tree and finishes it. Throws ArgumentNullException
     /// "qelBlockedBitTree" for null.
