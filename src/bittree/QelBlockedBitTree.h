@@ -51,11 +51,21 @@ public:
         /// Bit x = voxel (x, y, z); 0 at once when the summary promises an empty row.
         [[nodiscard]] std::uint32_t GetRowBits(std::uint32_t y, std::uint32_t z) const noexcept
         {
-            if (SummaryY[z] >> y & 1u)
-                return 0;
+            return SummaryY[z] >> y & 1u ? 0 : RawRowBits(y, z);
+        }
+        /// The row's four bytes as a word, summaries aside.
+        [[nodiscard]] std::uint32_t RawRowBits(std::uint32_t y, std::uint32_t z) const noexcept
+        {
             const std::uint8_t* row = Bits + kPlaneBytes * z + y;
             return std::uint32_t{row[0]} | std::uint32_t{row[32]} << 8 | std::uint32_t{row[64]} << 16 |
                    std::uint32_t{row[96]} << 24;
+        }
+        /// Stores the row's four bytes; the summaries are the caller's.
+        void StoreRowBits(std::uint32_t y, std::uint32_t z, std::uint32_t word) noexcept
+        {
+            std::uint8_t* row = Bits + kPlaneBytes * z + y;
+            for (std::uint32_t g = 0; g < 4; ++g)
+                row[32 * g] = static_cast<std::uint8_t>(word >> (8 * g));
         }
         /// Bit y = voxel (x, y, z); 0 at once when the summary promises an empty column.
         [[nodiscard]] std::uint32_t GetColumnBits(std::uint32_t x, std::uint32_t z) const noexcept;
@@ -83,6 +93,14 @@ public:
     [[nodiscard]] static bool HasStorage(const Block* entry) noexcept
     {
         return entry != nullptr && entry != FullBlock();
+    }
+    /// The row word at local (y, z) of an entry: 0 for an empty one, all ones for a
+    /// full one.
+    [[nodiscard]] static std::uint32_t EntryRowBits(const Block* entry, std::uint32_t y, std::uint32_t z) noexcept
+    {
+        if (!entry)
+            return 0;
+        return entry == FullBlock() ? 0xFFFFFFFFu : entry->GetRowBits(y, z);
     }
 
     /// An empty tree of the box's width, height and depth; its blocks come from the
@@ -174,6 +192,10 @@ public:
     /// Entry i with storage: a new empty block for a null entry, a block of ones with
     /// summaries that promise nothing for a full one. Null when memory ran out.
     [[nodiscard]] Block* GetOrSplitBlock(std::uint32_t i);
+    /// A block from this tree's manager with nothing filled in, for code that writes
+    /// every byte itself and then publishes it into a table entry that nobody else
+    /// reads yet (the tree gives it back with the entry). Null when memory ran out.
+    [[nodiscard]] Block* NewBlock() const noexcept;
     [[nodiscard]] ManagedBlock* Blocks() noexcept { return m_blocks.get(); }
     [[nodiscard]] const ManagedBlock* Blocks() const noexcept { return m_blocks.get(); }
     [[nodiscard]] std::uint8_t* BlockEmptiness() noexcept { return m_emptiness.get(); }
@@ -230,8 +252,9 @@ private:
     explicit QelBlockedBitTree(QelMemoryManager* manager) noexcept;
     [[nodiscard]] static std::unique_ptr<QelBlockedBitTree> Make(std::uint32_t width, std::uint32_t height,
                                                                  std::uint32_t depth, QelMemoryManager* manager);
-    [[nodiscard]] Block* NewBlock() const noexcept;
     void FreeBlock(Block* block) const noexcept;
+    // Size, block counts and table size for a box of these sides.
+    void TakeSize(std::uint32_t width, std::uint32_t height, std::uint32_t depth) noexcept;
     [[nodiscard]] bool IsRegionClear(std::uint32_t i) const noexcept;
     [[nodiscard]] bool VerifyGuarded(char* message, std::uint32_t size) const;
 

@@ -213,12 +213,7 @@ void BitVolume::GetObjectData(Ax::System::SerializationInfo& info) const
     {
         BitWriter cursor(data.Bytes().data());
         ForEachRowPiece(tree, [&](std::uint32_t i, std::uint32_t y, std::uint32_t z, std::uint32_t count) {
-            const QelBlockedBitTree::Block* entry = tree.GetBlock(i);
-            std::uint32_t bits = 0;
-            if (entry == QelBlockedBitTree::FullBlock())
-                bits = ~0u;
-            else if (entry)
-                bits = entry->GetRowBits(y, z);
+            const std::uint32_t bits = QelBlockedBitTree::EntryRowBits(tree.GetBlock(i), y, z);
             // The bits beyond the width aren't voxels and aren't persisted.
             cursor.Put(count == 32 ? bits : bits & ((1u << count) - 1u), count);
         });

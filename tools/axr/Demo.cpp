@@ -4,6 +4,7 @@
 #include "Phantom.h"
 #include "FileOutput.h"
 #include "PngWriter.h"
+#include "Progress.h"
 #include "RenderView.h"
 #include "View.h"
 #include "Window.h"
@@ -109,11 +110,6 @@ struct DemoView {
         {"slab-minip", slab, ProjectionMode::Minimum, slabSamples, 1.0f, soft},
         {"slab-mean", slab, ProjectionMode::Average, slabSamples, 1.0f, soft},
     };
-}
-
-[[nodiscard]] double MillisecondsSince(std::chrono::steady_clock::time_point start)
-{
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include "CommandLine.h"
 #include "MaskFile.h"
+#include "Progress.h"
 #include "VolumeInput.h"
 
 #include "ax/rendering/BitVolume.h"
@@ -172,7 +173,7 @@ template <typename Make>
 {
     const auto start = std::chrono::steady_clock::now();
     std::shared_ptr<BitVolume> mask = make();
-    milliseconds += std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    milliseconds += MillisecondsSince(start);
     return mask;
 }
 

@@ -9,6 +9,12 @@
 
 namespace Axr {
 
+/// Wall-clock milliseconds from `start` to now: how the tool times its work.
+[[nodiscard]] inline double MillisecondsSince(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+
 /// A progress bar on one terminal line, for work that takes more than a second:
 /// nothing is drawn before then, nor at all when it is off (stderr not a terminal,
 /// or --quiet). It is driven by the renderers' step protocol: the render polls it as

@@ -1,4 +1,5 @@
 #include "RenderView.h"
+#include "Progress.h"
 
 #include "CommandLine.h"
 
@@ -28,7 +29,7 @@ double RenderView(Ax::Rendering::MprRenderer& renderer, Ax::Rendering::ImageStac
     }
     if (status != Ax::Rendering::StatusCode::Finished)
         throw RenderFailure("did not finish");
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    return MillisecondsSince(start);
 }
 
 void LimitRenderThreads(std::string_view context, std::int32_t threads)

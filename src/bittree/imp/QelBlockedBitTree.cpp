@@ -1,5 +1,6 @@
 #include "bittree/QelBlockedBitTree.h"
 
+#include "bittree/imp/QelBitWords.h"
 #include "base/QelCrashReport.h"
 #include "base/QelMemoryManager.h"
 #include "threaded/QelFaultGuard.h"
@@ -12,13 +13,12 @@
 
 namespace {
 
-static_assert(std::endian::native == std::endian::little, "the word tricks read bytes as little-endian words");
+using namespace qel::bits;
 
 using Block = QelBlockedBitTree::Block;
 using ManagedBlock = QelBlockedBitTree::ManagedBlock;
 
 constexpr std::uint32_t kAllOnes = 0xFFFFFFFFu;
-constexpr std::uint64_t kByteLowBits = 0x0101010101010101ull;
 // Multiplying eight 0/1 bytes by this gathers byte i into bit 56 + i, with no carries.
 constexpr std::uint64_t kGatherBytes = 0x0102040810204080ull;
 constexpr const char* kVerifyGuardName = "QelBlockedBitTree::Verify";
@@ -33,13 +33,6 @@ QelMemoryManager* BlockManager()
         return m;
     }();
     return manager;
-}
-
-std::uint64_t Word64(const std::uint8_t* bytes) noexcept
-{
-    std::uint64_t word;
-    std::memcpy(&word, bytes, sizeof word);
-    return word;
 }
 
 // Bit `bit` of each of the eight bytes, byte i into bit i.
@@ -58,22 +51,11 @@ std::uint32_t NonZeroBytes(std::uint64_t word) noexcept
     return GatherBit(word, 0);
 }
 
-// Bits 0 to count-1 (all 32 from 32 on): the part of a row or column inside the volume.
-std::uint32_t LowMask(std::uint32_t count) noexcept
-{
-    return count >= 32 ? kAllOnes : (1u << count) - 1u;
-}
-
-std::uint32_t BlocksFor(std::uint32_t size) noexcept
-{
-    return static_cast<std::uint32_t>((std::uint64_t{size} + 31) / 32);
-}
-
 bool IsAllOnes(const std::uint8_t* bytes, std::uint32_t count) noexcept
 {
     std::uint64_t all = ~std::uint64_t{0};
     for (std::uint32_t k = 0; k < count; k += 8)
-        all &= Word64(bytes + k);
+        all &= Load64(bytes + k);
     return all == ~std::uint64_t{0};
 }
 
@@ -136,8 +118,8 @@ std::uint32_t QelBlockedBitTree::Block::GetColumnBits(std::uint32_t x, std::uint
         return 0;
     const std::uint8_t* group = Bits + kPlaneBytes * z + 32 * (x >> 3);
     const std::uint32_t bit = x & 7;
-    return GatherBit(Word64(group), bit) | GatherBit(Word64(group + 8), bit) << 8 |
-           GatherBit(Word64(group + 16), bit) << 16 | GatherBit(Word64(group + 24), bit) << 24;
+    return GatherBit(Load64(group), bit) | GatherBit(Load64(group + 8), bit) << 8 |
+           GatherBit(Load64(group + 16), bit) << 16 | GatherBit(Load64(group + 24), bit) << 24;
 }
 
 // ---- Making and unmaking ----
@@ -201,14 +183,19 @@ std::unique_ptr<QelBlockedBitTree> QelBlockedBitTree::Make(std::uint32_t width, 
     std::unique_ptr<QelBlockedBitTree> tree(new (std::nothrow) QelBlockedBitTree(manager));
     if (!tree || !AllocTables(manager, static_cast<std::uint32_t>(count), tree->m_blocks, tree->m_emptiness))
         return nullptr;
-    tree->m_width = width;
-    tree->m_height = height;
-    tree->m_depth = depth;
-    tree->m_blocksX = BlocksFor(width);
-    tree->m_blocksY = BlocksFor(height);
-    tree->m_blocksZ = BlocksFor(depth);
-    tree->m_blockCount = static_cast<std::uint32_t>(count);
+    tree->TakeSize(width, height, depth);
     return tree;
+}
+
+void QelBlockedBitTree::TakeSize(std::uint32_t width, std::uint32_t height, std::uint32_t depth) noexcept
+{
+    m_width = width;
+    m_height = height;
+    m_depth = depth;
+    m_blocksX = BlocksFor(width);
+    m_blocksY = BlocksFor(height);
+    m_blocksZ = BlocksFor(depth);
+    m_blockCount = m_blocksX * m_blocksY * m_blocksZ;
 }
 
 QelBlockedBitTree::~QelBlockedBitTree()
@@ -379,9 +366,7 @@ bool QelBlockedBitTree::SetRowBits(std::uint32_t i, std::uint32_t y, std::uint32
     Block* block = GetOrSplitBlock(i);
     if (!block)
         return false;
-    std::uint8_t* row = block->Bits + kPlaneBytes * z + y;
-    for (std::uint32_t g = 0; g < 4; ++g)
-        row[32 * g] = static_cast<std::uint8_t>(word >> (8 * g));
+    block->StoreRowBits(y, z, word);
     if (word == 0) {
         block->SummaryY[z] |= 1u << y;
         return true;
@@ -403,7 +388,7 @@ void QelBlockedBitTree::CompleteBlockPlaneSummaryInX(std::uint32_t i, std::uint3
     std::uint32_t occupied = 0;
     for (std::uint32_t g = 0; g < 4; ++g) {
         const std::uint8_t* group = plane + 32 * g;
-        std::uint64_t any = Word64(group) | Word64(group + 8) | Word64(group + 16) | Word64(group + 24);
+        std::uint64_t any = Load64(group) | Load64(group + 8) | Load64(group + 16) | Load64(group + 24);
         any |= any >> 32;
         any |= any >> 16;
         any |= any >> 8;
@@ -421,7 +406,7 @@ void QelBlockedBitTree::CompleteBlockPlaneSummaryInY(std::uint32_t i, std::uint3
     std::uint32_t occupied = 0;
     for (std::uint32_t k = 0; k < 4; ++k) {
         const std::uint8_t* bytes = plane + 8 * k;
-        const std::uint64_t any = Word64(bytes) | Word64(bytes + 32) | Word64(bytes + 64) | Word64(bytes + 96);
+        const std::uint64_t any = Load64(bytes) | Load64(bytes + 32) | Load64(bytes + 64) | Load64(bytes + 96);
         occupied |= NonZeroBytes(any) << (8 * k);
     }
     block->SummaryY[z] = ~occupied;
@@ -609,14 +594,8 @@ bool QelBlockedBitTree::SetBox(QelIntBBox3 box)
         }
         m_blocks = std::move(blocks);
         m_emptiness = std::move(flags);
-        m_blocksX = blocksX;
-        m_blocksY = blocksY;
-        m_blocksZ = blocksZ;
-        m_blockCount = count;
     }
-    m_width = width;
-    m_height = height;
-    m_depth = depth;
+    TakeSize(width, height, depth);
     return true;
 }
 

@@ -1,7 +1,7 @@
 #include "bittree/QelBlockedBitTreeOps.h"
 
 #include "base/QelDebug.h"
-#include "base/QelMemoryManager.h"
+#include "bittree/imp/QelBitWords.h"
 #include "threaded/QelFunctionThreader.h"
 
 #include <algorithm>
@@ -14,8 +14,7 @@
 
 namespace {
 
-static_assert(std::endian::native == std::endian::little, "the word tricks read bytes as little-endian words");
-
+using namespace qel::bits;
 using Block = QelBlockedBitTree::Block;
 using Tree = QelBlockedBitTree;
 
@@ -24,32 +23,13 @@ constexpr std::uint32_t kPlaneBytes = QelBlockedBitTree::kPlaneBytes;
 constexpr std::uint32_t kWords = QelBlockedBitTree::kBitBytes / 8;  // 64-bit words of bits per block
 constexpr std::uint32_t kPlaneWords = kPlaneBytes / 8;
 constexpr std::uint64_t kOnes = ~std::uint64_t{0};
-constexpr std::uint64_t kByteLowBits = 0x0101010101010101ull;
 constexpr const char* kKernelMessage =
     "QelBlockedBitTreeOps::CubicErode: Incorrect dilation kernel :must be lower or equal than 8 in XZ and 4 in Y\n";
-
-std::uint64_t Load64(const std::uint8_t* bytes) noexcept
-{
-    std::uint64_t word;
-    std::memcpy(&word, bytes, sizeof word);
-    return word;
-}
-
-void Store64(std::uint8_t* bytes, std::uint64_t word) noexcept
-{
-    std::memcpy(bytes, &word, sizeof word);
-}
 
 // Bits 0 to n-1 of every byte.
 constexpr std::uint64_t ByteLow(std::uint32_t n) noexcept
 {
     return kByteLowBits * ((1u << n) - 1u);
-}
-
-// Bits 0 to count-1 (all 32 from 32 on).
-std::uint32_t LowMask(std::uint32_t count) noexcept
-{
-    return count >= 32 ? 0xFFFFFFFFu : (1u << count) - 1u;
 }
 
 // Bytes 0 to count-1 of a word set (all eight from 8 on, none at 0 or below).
@@ -63,15 +43,6 @@ std::uint64_t LowBytes(std::int64_t count) noexcept
 std::unique_ptr<Tree> NewLike(const Tree& tree)
 {
     return Tree::New(tree.Box(), tree.MemoryManager());
-}
-
-// A block for entry i of a fresh result, from the tree's own manager (the tree gives
-// it back there), not yet published: the caller fills every byte, then Publish. The
-// tree's GetOrCreateBlock would clear it first, which the set operations don't need.
-Block* RawBlock(const Tree& result) noexcept
-{
-    void* storage = result.MemoryManager()->Alloc(QelBlockedBitTree::kBlockBytes);
-    return storage ? new (storage) Block : nullptr;
 }
 
 void Publish(Tree& result, std::uint32_t i, Block* entry) noexcept
@@ -89,6 +60,33 @@ void CompleteSummaries(Tree& tree, std::uint32_t i) noexcept
 {
     tree.CompleteBlockSummaryInY(i);
     tree.CompleteBlockSummaryInX(i);
+}
+
+// Entry i of a fresh result becomes a block of these bits with exact summaries.
+// Results are worked out before a block is taken, so that a result with no bit set
+// costs none. False when memory ran out.
+bool PublishBits(Tree& result, std::uint32_t i, const std::uint8_t (&bits)[QelBlockedBitTree::kBitBytes]) noexcept
+{
+    Block* block = result.NewBlock();
+    if (!block)
+        return false;
+    std::memcpy(block->Bits, bits, sizeof bits);
+    Publish(result, i, block);
+    CompleteSummaries(result, i);
+    return true;
+}
+
+// A whole-table operation from its range form; the flags afresh where the range form
+// leaves them to the caller.
+template <class Range>
+std::unique_ptr<Tree> OverWholeTable(const Tree& a, bool computeEmptiness, Range range)
+{
+    std::unique_ptr<Tree> result = NewLike(a);
+    if (!result || !range(*result, a.GetBlockCount()))
+        return nullptr;
+    if (computeEmptiness)
+        result->ComputeBlockEmptiness();
+    return result;
 }
 
 // A full entry read as bits: every word all ones.
@@ -154,7 +152,7 @@ bool QelBlockedBitTreeOps::UnionRange(const QelBlockedBitTree& a, const QelBlock
         flags[i] = flagsA[i] & flagsB[i];
         if (!ea && !eb)
             continue;
-        Block* block = RawBlock(result);
+        Block* block = result.NewBlock();
         if (!block)
             return false;
         if (!ea || !eb) {
@@ -191,7 +189,7 @@ bool QelBlockedBitTreeOps::IntersectionRange(const QelBlockedBitTree& a, const Q
         flags[i] = flagsA[i] | flagsB[i];
         if (!ea || !eb)
             continue;
-        Block* block = RawBlock(result);
+        Block* block = result.NewBlock();
         if (!block)
             return false;
         if (ea == Tree::FullBlock() || eb == Tree::FullBlock()) {
@@ -219,7 +217,7 @@ bool QelBlockedBitTreeOps::XorRange(const QelBlockedBitTree& a, const QelBlocked
             if (other == Tree::FullBlock()) {
                 Publish(result, i, Tree::FullBlock());
             } else if (other) {
-                Block* block = RawBlock(result);
+                Block* block = result.NewBlock();
                 if (!block)
                     return false;
                 CopyBlock(result, i, block, *other);
@@ -237,14 +235,8 @@ bool QelBlockedBitTreeOps::XorRange(const QelBlockedBitTree& a, const QelBlocked
             Store64(bits + k, word);
             any |= word;
         }
-        if (any == 0)
-            continue;
-        Block* block = RawBlock(result);
-        if (!block)
+        if (any != 0 && !PublishBits(result, i, bits))
             return false;
-        std::memcpy(block->Bits, bits, sizeof bits);
-        Publish(result, i, block);
-        CompleteSummaries(result, i);
     }
     return true;
 }
@@ -283,12 +275,8 @@ bool QelBlockedBitTreeOps::InvertRange(const QelBlockedBitTree& a, QelBlockedBit
         if (any == 0)
             continue;
         std::memset(bits + kPlaneBytes * planes, 0, kPlaneBytes * (kEdge - planes));
-        Block* block = RawBlock(result);
-        if (!block)
+        if (!PublishBits(result, i, bits))
             return false;
-        std::memcpy(block->Bits, bits, sizeof bits);
-        Publish(result, i, block);
-        CompleteSummaries(result, i);
     }
     return true;
 }
@@ -296,37 +284,24 @@ bool QelBlockedBitTreeOps::InvertRange(const QelBlockedBitTree& a, QelBlockedBit
 std::unique_ptr<QelBlockedBitTree> QelBlockedBitTreeOps::Union(const QelBlockedBitTree& a,
                                                                const QelBlockedBitTree& b)
 {
-    std::unique_ptr<Tree> result = NewLike(a);
-    if (!result || !UnionRange(a, b, *result, 0, a.GetBlockCount()))
-        return nullptr;
-    return result;
+    return OverWholeTable(a, false, [&](Tree& result, std::uint32_t n) { return UnionRange(a, b, result, 0, n); });
 }
 
 std::unique_ptr<QelBlockedBitTree> QelBlockedBitTreeOps::Intersection(const QelBlockedBitTree& a,
                                                                       const QelBlockedBitTree& b)
 {
-    std::unique_ptr<Tree> result = NewLike(a);
-    if (!result || !IntersectionRange(a, b, *result, 0, a.GetBlockCount()))
-        return nullptr;
-    return result;
+    return OverWholeTable(a, false,
+                          [&](Tree& result, std::uint32_t n) { return IntersectionRange(a, b, result, 0, n); });
 }
 
 std::unique_ptr<QelBlockedBitTree> QelBlockedBitTreeOps::Xor(const QelBlockedBitTree& a, const QelBlockedBitTree& b)
 {
-    std::unique_ptr<Tree> result = NewLike(a);
-    if (!result || !XorRange(a, b, *result, 0, a.GetBlockCount()))
-        return nullptr;
-    result->ComputeBlockEmptiness();
-    return result;
+    return OverWholeTable(a, true, [&](Tree& result, std::uint32_t n) { return XorRange(a, b, result, 0, n); });
 }
 
 std::unique_ptr<QelBlockedBitTree> QelBlockedBitTreeOps::Invert(const QelBlockedBitTree& a)
 {
-    std::unique_ptr<Tree> result = NewLike(a);
-    if (!result || !InvertRange(a, *result, 0, a.GetBlockCount()))
-        return nullptr;
-    result->ComputeBlockEmptiness();
-    return result;
+    return OverWholeTable(a, true, [&](Tree& result, std::uint32_t n) { return InvertRange(a, result, 0, n); });
 }
 
 // ---- Dilation ----
@@ -575,14 +550,8 @@ std::unique_ptr<Tree> InvertInside(const Tree& a)
                 any |= word;
             }
         }
-        if (any == 0)
-            continue;
-        Block* block = RawBlock(*result);
-        if (!block)
+        if (any != 0 && !PublishBits(*result, i, bits))
             return nullptr;
-        std::memcpy(block->Bits, bits, sizeof bits);
-        Publish(*result, i, block);
-        CompleteSummaries(*result, i);
     }
     return result;
 }
@@ -626,22 +595,6 @@ std::unique_ptr<QelBlockedBitTree> QelBlockedBitTreeOps::CubicErode(const QelBlo
 
 // ---- Downsizing ----
 
-namespace {
-
-// The row word of an entry, raw from the bytes; all ones for a full entry.
-std::uint32_t RawRow(const Block* entry, std::uint32_t y, std::uint32_t z) noexcept
-{
-    if (!entry)
-        return 0;
-    if (entry == Tree::FullBlock())
-        return 0xFFFFFFFFu;
-    const std::uint8_t* row = entry->Bits + kPlaneBytes * z + y;
-    return std::uint32_t{row[0]} | std::uint32_t{row[32]} << 8 | std::uint32_t{row[64]} << 16 |
-           std::uint32_t{row[96]} << 24;
-}
-
-}  // namespace
-
 bool QelBlockedBitTreeOps::Downsize(const QelBlockedBitTree& source, QelBlockedBitTree& target,
                                     std::uint32_t firstBlock, std::uint32_t lastBlock, bool anySet,
                                     const QelBlockedBitTree* maskTree)
@@ -677,7 +630,8 @@ bool QelBlockedBitTreeOps::Downsize(const QelBlockedBitTree& source, QelBlockedB
                 std::uint32_t acc = anySet ? 0u : 0xFFFFFFFFu;
                 for (std::uint32_t zz = z; zz < z + factor; ++zz) {
                     for (std::uint32_t yy = y; yy < y + factor; ++yy) {
-                        const std::uint32_t word = RawRow(entry, yy, zz) & RawRow(mask, yy, zz);
+                        const std::uint32_t word =
+                            Tree::EntryRowBits(entry, yy, zz) & Tree::EntryRowBits(mask, yy, zz);
                         acc = anySet ? acc | word : acc & word;
                     }
                 }

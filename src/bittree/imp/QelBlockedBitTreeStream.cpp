@@ -1,6 +1,7 @@
 #include "bittree/QelBlockedBitTree.h"
 
 #include "base/QelDebug.h"
+#include "bittree/imp/QelBitWords.h"
 
 #include <algorithm>
 #include <array>
@@ -12,6 +13,7 @@
 namespace {
 
 using Block = QelBlockedBitTree::Block;
+using qel::bits::BlocksFor;
 
 constexpr std::size_t kHeaderWords = 7;
 constexpr std::size_t kKindChunk = 65536;
@@ -38,11 +40,6 @@ bool WriteAll(std::FILE* file, const void* bytes, std::size_t count) noexcept
 bool ReadAll(std::FILE* file, void* bytes, std::size_t count) noexcept
 {
     return std::fread(bytes, 1, count, file) == count;
-}
-
-std::uint32_t BlocksFor(std::uint32_t size) noexcept
-{
-    return static_cast<std::uint32_t>((std::uint64_t{size} + 31) / 32);
 }
 
 // The kind bytes, read a chunk at a time so that a header that promises more

@@ -197,13 +197,8 @@ bool QelBlockedBitTreeThresholderWkr::CopyIntoTree(std::int32_t z)
                     if (block == QelBlockedBitTree::FullBlock())
                         break;
                 }
-                // Row y's word as the block stores it: four bytes, 32 apart.
                 const auto local = static_cast<std::uint32_t>(y) & 31u;
-                std::uint8_t* bytes = block->Bits + QelBlockedBitTree::kPlaneBytes * plane + local;
-                bytes[0] = static_cast<std::uint8_t>(*word);
-                bytes[32] = static_cast<std::uint8_t>(*word >> 8);
-                bytes[64] = static_cast<std::uint8_t>(*word >> 16);
-                bytes[96] = static_cast<std::uint8_t>(*word >> 24);
+                block->StoreRowBits(local, plane, *word);
                 block->SummaryY[plane] &= ~(1u << local);
             }
             if (block && block != QelBlockedBitTree::FullBlock())
