@@ -218,12 +218,14 @@ template <typename Make>
 }
 
 // One line without its end.
-void PrintSummary(std::ostream& out, const std::string& name, const BitVolume& mask)
+void PrintSummary(std::ostream& out, const std::string& name, const Ax::System::SerializationInfo& form)
 {
-    const MaskSummary summary = Summarize(mask);
-    const double voxels = static_cast<double>(mask.Width()) * mask.Height() * mask.Depth();
-    out << name << "  " << mask.Width() << " x " << mask.Height() << " x " << mask.Depth() << ", "
-        << summary.setVoxels << " voxels set (" << std::fixed << std::setprecision(2)
+    const MaskSummary summary = Summarize(form);
+    const std::int32_t width = form.GetInt32("Width"), height = form.GetInt32("Height"),
+                       depth = form.GetInt32("Depth");
+    const double voxels = static_cast<double>(width) * height * depth;
+    out << name << "  " << width << " x " << height << " x " << depth << ", " << summary.setVoxels
+        << " voxels set (" << std::fixed << std::setprecision(2)
         << 100.0 * static_cast<double>(summary.setVoxels) / voxels << "%)";
     if (summary.setVoxels > 0)
         out << ", within x " << summary.low[0] << ".." << summary.high[0] << ", y " << summary.low[1] << ".."
@@ -233,7 +235,7 @@ void PrintSummary(std::ostream& out, const std::string& name, const BitVolume& m
 int RunMask(const MaskOptions& options, std::ostream& out)
 {
     if (options.operation == Operation::Info) {
-        PrintSummary(out, options.inputs.front().string(), *ReadMaskFile(options.inputs.front()));
+        PrintSummary(out, options.inputs.front().string(), PersistedForm(*ReadMaskFile(options.inputs.front())));
         out << '\n';
         return kExitSuccess;
     }
@@ -242,9 +244,10 @@ int RunMask(const MaskOptions& options, std::ostream& out)
     const std::shared_ptr<BitVolume> mask = options.operation == Operation::Threshold
                                                 ? Threshold(options, spacing, milliseconds)
                                                 : Combine(options, milliseconds);
-    WriteMask(options.output, *mask, options.operation == Operation::Threshold ? &spacing : nullptr);
+    const Ax::System::SerializationInfo form = PersistedForm(*mask);
+    WriteMask(options.output, form, options.operation == Operation::Threshold ? &spacing : nullptr);
     if (!options.quiet) {
-        PrintSummary(out, options.output.string(), *mask);
+        PrintSummary(out, options.output.string(), form);
         out << "; " << std::fixed << std::setprecision(1) << milliseconds << " ms\n";
     }
     return kExitSuccess;

@@ -24,21 +24,14 @@ using Ax::System::SerializationInfo;
 
 constexpr const char* kMaskType = "Ax.Rendering.BitVolume";
 
-[[nodiscard]] SerializationInfo PersistedForm(const BitVolume& mask)
-{
-    SerializationInfo info(kMaskType);
-    mask.GetObjectData(info);
-    return info;
-}
-
-// Voxel i of the persisted form as (x, y, z).
-void Coordinates(const BitVolume& mask, std::int64_t i, std::int32_t (&at)[3])
-{
-    const std::int64_t row = i / mask.Width();
-    at[0] = static_cast<std::int32_t>(i % mask.Width());
-    at[1] = static_cast<std::int32_t>(row % mask.Height());
-    at[2] = static_cast<std::int32_t>(row / mask.Height());
-}
+// The persisted form's sizes.
+struct FormSize {
+    explicit FormSize(const SerializationInfo& form)
+        : width(form.GetInt32("Width")), height(form.GetInt32("Height")), depth(form.GetInt32("Depth"))
+    {
+    }
+    std::int32_t width, height, depth;
+};
 
 [[nodiscard]] std::vector<std::uint8_t> Gzip(const std::filesystem::path& path, std::span<const std::uint8_t> bytes)
 {
@@ -59,11 +52,11 @@ void Coordinates(const BitVolume& mask, std::int64_t i, std::int32_t (&at)[3])
     return out;
 }
 
-[[nodiscard]] std::vector<std::uint8_t> EncodeNrrd(const std::filesystem::path& path, const BitVolume& mask,
+[[nodiscard]] std::vector<std::uint8_t> EncodeNrrd(const std::filesystem::path& path, const SerializationInfo& form,
                                                    const MaskSpacing* spacing)
 {
-    const SerializationInfo info = PersistedForm(mask);
-    const Ax::System::BitArray& bits = info.GetBitArray("Data");
+    const FormSize size(form);
+    const Ax::System::BitArray& bits = form.GetBitArray("Data");
     std::vector<std::uint8_t> voxels(static_cast<std::size_t>(bits.Length()));
     for (std::size_t i = 0; i < voxels.size(); ++i)
         voxels[i] = bits.Bytes()[i >> 3] >> (i & 7) & 1u;
@@ -71,10 +64,11 @@ void Coordinates(const BitVolume& mask, std::int64_t i, std::int32_t (&at)[3])
     header << "NRRD0004\n"
            << "# a mask written by axr: 1 = set\n"
            << "type: uint8\ndimension: 3\n"
-           << "sizes: " << mask.Width() << ' ' << mask.Height() << ' ' << mask.Depth() << '\n'
+           << "sizes: " << size.width << ' ' << size.height << ' ' << size.depth << '\n'
            << "encoding: gzip\n";
     if (spacing)
-        header << std::setprecision(std::numeric_limits<double>::max_digits10) << "spacings: " << spacing->column << ' ' << spacing->row << ' ' << spacing->slice << '\n';
+        header << std::setprecision(std::numeric_limits<double>::max_digits10) << "spacings: " << spacing->column
+               << ' ' << spacing->row << ' ' << spacing->slice << '\n';
     header << '\n';
     const std::string text = header.str();
     std::vector<std::uint8_t> file(text.begin(), text.end());
@@ -84,6 +78,13 @@ void Coordinates(const BitVolume& mask, std::int64_t i, std::int32_t (&at)[3])
 }
 
 }  // namespace
+
+SerializationInfo PersistedForm(const BitVolume& mask)
+{
+    SerializationInfo form(kMaskType);
+    mask.GetObjectData(form);
+    return form;
+}
 
 std::shared_ptr<BitVolume> ReadMaskFile(const std::filesystem::path& path)
 {
@@ -100,22 +101,22 @@ std::shared_ptr<BitVolume> ReadMaskFile(const std::filesystem::path& path)
     }
 }
 
-void WriteMask(const std::filesystem::path& path, const BitVolume& mask, const MaskSpacing* spacing)
+void WriteMask(const std::filesystem::path& path, const SerializationInfo& form, const MaskSpacing* spacing)
 {
     if (path.extension() == ".nrrd") {
-        WriteFileAtomically(path, EncodeNrrd(path, mask, spacing));
+        WriteFileAtomically(path, EncodeNrrd(path, form, spacing));
         return;
     }
     std::ostringstream out(std::ios::binary);
-    PersistedForm(mask).Write(out);
+    form.Write(out);
     const std::string bytes = std::move(out).str();
     WriteFileAtomically(path, std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
 }
 
-MaskSummary Summarize(const BitVolume& mask)
+MaskSummary Summarize(const SerializationInfo& form)
 {
-    const SerializationInfo info = PersistedForm(mask);
-    const std::vector<std::uint8_t>& bytes = info.GetBitArray("Data").Bytes();
+    const FormSize size(form);
+    const std::vector<std::uint8_t>& bytes = form.GetBitArray("Data").Bytes();
     MaskSummary summary;
     std::fill(std::begin(summary.low), std::end(summary.low), INT32_MAX);
     for (std::size_t k = 0; k < bytes.size(); ++k) {
@@ -123,8 +124,12 @@ MaskSummary Summarize(const BitVolume& mask)
             continue;
         summary.setVoxels += std::popcount(bytes[k]);
         for (std::uint32_t bits = bytes[k]; bits != 0; bits &= bits - 1) {
-            std::int32_t at[3];
-            Coordinates(mask, static_cast<std::int64_t>(8 * k) + std::countr_zero(bits), at);
+            // Voxel i of the persisted form as (x, y, z).
+            const std::int64_t i = static_cast<std::int64_t>(8 * k) + std::countr_zero(bits);
+            const std::int64_t row = i / size.width;
+            const std::int32_t at[3] = {static_cast<std::int32_t>(i % size.width),
+                                        static_cast<std::int32_t>(row % size.height),
+                                        static_cast<std::int32_t>(row / size.height)};
             for (int axis = 0; axis < 3; ++axis) {
                 summary.low[axis] = std::min(summary.low[axis], at[axis]);
                 summary.high[axis] = std::max(summary.high[axis], at[axis]);
