@@ -29,6 +29,22 @@ namespace Axr {
 
 namespace {
 
+// Runs a call into GDCM: what GDCM throws becomes an InputError, `what` followed by
+// its text; our own InputErrors and a lack of memory pass through as they are.
+template <typename Body>
+void AsInputError(const std::string& what, Body body)
+{
+    try {
+        body();
+    } catch (const InputError&) {
+        throw;
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw InputError(what + ": " + e.what());
+    }
+}
+
 constexpr std::size_t kMaxSlices = 16384;
 // Positions written with two decimals are off by up to 0.005 mm per coordinate, so
 // untilted slices can seem to shift about 0.015 mm within their plane; a gantry tilt
@@ -256,16 +272,10 @@ void ReadAttributes(const Fields& fields, const gdcm::File& file, SliceHeader& h
         throw InputError(name + ": " + check.damage);
     gdcm::Reader reader;
     reader.SetFileName(name.c_str());
-    try {
+    AsInputError(name + ": unreadable DICOM file", [&] {
         if (!reader.ReadUpToTag(kPixelData))
             throw InputError(name + ": unreadable DICOM file");
-    } catch (const InputError&) {
-        throw;
-    } catch (const std::bad_alloc&) {
-        throw;
-    } catch (const std::exception& e) {
-        throw InputError(name + ": unreadable DICOM file: " + e.what());
-    }
+    });
 
     const gdcm::File& file = reader.GetFile();
     const Fields fields(file.GetDataSet(), name);
@@ -467,7 +477,7 @@ struct Placement {
     const std::size_t expected = static_cast<std::size_t>(slice.rows) * static_cast<std::size_t>(slice.columns) *
                                  static_cast<std::size_t>(slice.bitsAllocated / 8);
     std::vector<std::byte> bytes;
-    try {
+    AsInputError(name + ": cannot decode its pixel data", [&] {
         gdcm::ImageReader reader;
         reader.SetFileName(name.c_str());
         if (!reader.Read())
@@ -483,13 +493,7 @@ struct Placement {
         bytes.resize(expected);
         if (!image.GetBuffer(reinterpret_cast<char*>(bytes.data())))
             throw InputError(name + ": cannot decode its pixel data (" + slice.syntaxName + ")");
-    } catch (const InputError&) {
-        throw;
-    } catch (const std::bad_alloc&) {
-        throw;
-    } catch (const std::exception& e) {
-        throw InputError(name + ": cannot decode its pixel data: " + e.what());
-    }
+    });
     return bytes;
 }
 
