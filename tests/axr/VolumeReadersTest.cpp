@@ -1,18 +1,9 @@
 #include "AxrTestSupport.h"
-#include "TestVolumeFiles.h"
-#include "VolumeInput.h"
-
-#include "ax/rendering/MemoryRasterImage.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -22,27 +13,25 @@ constexpr std::int32_t kW = 6, kH = 5, kD = 4;
 
 // Values that differ along every axis and go negative, so a swapped axis, byte order
 // or sign shows.
-[[nodiscard]] std::int32_t ValueAt(std::int32_t x, std::int32_t y, std::int32_t z) { return x * 7 + y * 61 + z * 401 - 300; }
+std::int32_t ValueAt(std::int32_t x, std::int32_t y, std::int32_t z) { return x * 7 + y * 61 + z * 401 - 300; }
 
 template <typename T>
-[[nodiscard]] Bytes Samples(std::endian order, std::int32_t offset = 0)
+Bytes Samples(std::endian order = std::endian::native, std::int32_t offset = 0)
 {
     Bytes bytes;
-    for (std::int32_t z = 0; z < kD; ++z)
-        for (std::int32_t y = 0; y < kH; ++y)
-            for (std::int32_t x = 0; x < kW; ++x) {
-                const T value = static_cast<T>(ValueAt(x, y, z) + offset);
-                std::byte raw[sizeof(T)];
-                std::memcpy(raw, &value, sizeof value);
-                if (order != std::endian::native)
-                    std::reverse(std::begin(raw), std::end(raw));
-                bytes.insert(bytes.end(), std::begin(raw), std::end(raw));
-            }
+    for (std::int32_t i = 0; i < kW * kH * kD; ++i) {
+        const T value = static_cast<T>(ValueAt(i % kW, i / kW % kH, i / (kW * kH)) + offset);
+        std::byte raw[sizeof(T)];
+        std::memcpy(raw, &value, sizeof value);
+        if (order != std::endian::native)
+            std::reverse(std::begin(raw), std::end(raw));
+        bytes.insert(bytes.end(), std::begin(raw), std::end(raw));
+    }
     return bytes;
 }
 
-// The same header with every field in the other byte order.
-[[nodiscard]] Bytes Swapped(Bytes nifti)
+// The same NIfTI file with every header field and 16-bit sample in the other byte order.
+Bytes Swapped(Bytes nifti)
 {
     const auto flip = [&](std::size_t at, std::size_t size) {
         std::reverse(nifti.begin() + static_cast<std::ptrdiff_t>(at), nifti.begin() + static_cast<std::ptrdiff_t>(at + size));
@@ -62,114 +51,74 @@ const std::string kNrrdI16 = "NRRD0004\n# a comment\ntype: short\ndimension: 3\n
 const std::string kMhaI16 = "ObjectType = Image\nNDims = 3\nDimSize = 6 5 4\nElementType = MET_SHORT\n"
                             "ElementSpacing = 0.5 0.5 2\nBinaryDataByteOrderMSB = False\nElementDataFile = LOCAL\n";
 
-class VolumeReadersTest : public ScratchTest {
-protected:
-    std::filesystem::path Write(const std::string& name, const Bytes& bytes) const
-    {
-        WriteFile(m_scratch / name, std::span<const std::byte>(bytes));
-        return m_scratch / name;
-    }
-
-    static Axr::Volume Load(const std::filesystem::path& path)
-    {
-        Axr::VolumeSource source;
-        source.input = path.string();
-        return Axr::LoadVolume("test", source);
-    }
-
-};
-
-// Every voxel of `volume` is ValueAt + `offset`, read as the stack's signedness.
-void ExpectValues(const Axr::Volume& volume, bool isSigned, std::int32_t offset)
-{
-    const auto& stack = *volume.stack;
-    ASSERT_EQ(stack.NumberOfImages(), kD);
-    ASSERT_EQ(stack.ImageDimensions().Width, kW);
-    ASSERT_EQ(stack.ImageDimensions().Height, kH);
-    ASSERT_EQ(stack.PixelFormat()->IsSigned(), isSigned);
-    for (std::int32_t z = 0; z < kD; ++z) {
-        EXPECT_EQ(stack[z].ZCoord(), z);
-        for (std::int32_t y = 0; y < kH; ++y)
-            for (std::int32_t x = 0; x < kW; ++x) {
-                std::uint16_t raw;
-                std::memcpy(&raw, stack[z].Image()->GetPixelAddress(x, y), 2);
-                const std::int32_t value = isSigned ? static_cast<std::int16_t>(raw) : raw;
-                ASSERT_EQ(value, ValueAt(x, y, z) + offset) << x << ',' << y << ',' << z;
-            }
-    }
-}
+using VolumeReadersTest = ScratchTest;
 
 TEST_F(VolumeReadersTest, EveryFormatGivesItsSamplesVoxelForVoxelWithItsVoxelSize)
 {
-    const auto little = std::endian::little, big = std::endian::big;
-    struct Case {
-        const char* name;
-        std::function<Bytes()> file;
-        bool isSigned;
-        std::int32_t offset;  // stack value - ValueAt
-        double columnSpacing, zUnit;
-    };
+    const auto big = std::endian::big;
     const std::string nrrdU16 = "NRRD0005\ntype: uint16\ndimension: 3\nsizes: 6 5 4\nspacings: 0.8 0.8 3\n"
                                 "endian: big\nencoding: gzip\n\n";
     const std::string mhaU16 = "NDims = 3\nDimSize = 6 5 4\nElementType = MET_USHORT\nElementSpacing = 1 1 1.5\n"
                                "BinaryDataByteOrderMSB = True\nCompressedData = True\nElementDataFile = LOCAL\n";
-    const Case cases[] = {
-        {"a.nrrd", [&] { return Join(kNrrdI16, Samples<std::int16_t>(little)); }, true, 0, 0.5, 2},
-        {"b.nrrd", [&] { return Join(nrrdU16, Deflate(Samples<std::uint16_t>(big, 300), true)); }, false, 300, 0.8, 3},
-        {"c.mha", [&] { return Join(kMhaI16, Samples<std::int16_t>(little)); }, true, 0, 0.5, 2},
-        {"d.mha", [&] { return Join(mhaU16, Deflate(Samples<std::uint16_t>(big, 300), false)); }, false, 300, 1, 1.5},
-        {"e.nii", [&] { return Nifti({kW, kH, kD}, 4, 16, Samples<std::int16_t>(std::endian::native)); }, true, 0, 0.75, 2.5},
+    WriteFile(m_scratch / "data.raw", Samples<std::int16_t>(big));
+    const struct {
+        const char* name;
+        Bytes file;
+        std::int32_t offset;  // stack value - ValueAt; 0 for the signed files only
+        double columnSpacing, zUnit;
+    } cases[] = {
+        {"a.nrrd", Join(kNrrdI16, Samples<std::int16_t>()), 0, 0.5, 2},
+        {"b.nrrd", Join(nrrdU16, Deflate(Samples<std::uint16_t>(big, 300), true)), 300, 0.8, 3},
+        {"c.mha", Join(kMhaI16, Samples<std::int16_t>()), 0, 0.5, 2},
+        {"d.mha", Join(mhaU16, Deflate(Samples<std::uint16_t>(big, 300), false)), 300, 1, 1.5},
+        {"e.nii", Nifti({kW, kH, kD}, 4, 16, Samples<std::int16_t>()), 0, 0.75, 2.5},
         // Stored + 1000, rescaled by - 1000: the values themselves again.
-        {"f.nii", [&] { return Swapped(Nifti({kW, kH, kD}, 4, 16, Samples<std::int16_t>(std::endian::native, 1000), 1, -1000)); },
-         true, 0, 0.75, 2.5},
-        {"g.nii.gz", [&] { return Deflate(Nifti({kW, kH, kD}, 16, 32, Samples<float>(std::endian::native)), true); }, true, 0, 0.75,
-         2.5},
-        {"h.nii", [&] { return Nifti({kW, kH, kD}, 768, 32, Samples<std::uint32_t>(std::endian::native, 300)); }, false, 300, 0.75,
-         2.5},
+        {"f.nii", Swapped(Nifti({kW, kH, kD}, 4, 16, Samples<std::int16_t>(std::endian::native, 1000), 1, -1000)), 0,
+         0.75, 2.5},
+        {"g.nii.gz", Deflate(Nifti({kW, kH, kD}, 16, 32, Samples<float>()), true), 0, 0.75, 2.5},
+        {"h.nii", Nifti({kW, kH, kD}, 768, 32, Samples<std::uint32_t>(std::endian::native, 300)), 300, 0.75, 2.5},
+        // Detached samples, found beside the header.
+        {"i.nhdr", Join("NRRD0004\ntype: int16\ndimension: 3\nsizes: 6 5 4\nendian: big\nencoding: raw\n"
+                        "data file: data.raw\n", {}), 0, 1, 1},
+        {"j.mhd", Join("NDims = 3\nDimSize = 6 5 4\nElementType = MET_SHORT\nElementByteOrderMSB = True\n"
+                       "ElementDataFile = data.raw\n", {}), 0, 1, 1},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const Axr::Volume volume = Load(Write(c.name, c.file()));
-        ExpectValues(volume, c.isSigned, c.offset);
+        WriteFile(m_scratch / c.name, c.file);
+        const Axr::Volume volume = Load(m_scratch / c.name);
+        const auto& stack = *volume.stack;
+        ASSERT_EQ(stack.NumberOfImages(), kD);
+        ASSERT_EQ(stack.ImageDimensions(), Ax::Primitives::Size(kW, kH));
+        EXPECT_EQ(stack.PixelFormat()->IsSigned(), c.offset == 0);
         EXPECT_DOUBLE_EQ(volume.columnSpacing, c.columnSpacing);
         EXPECT_DOUBLE_EQ(volume.zUnit, c.zUnit);
+        for (std::int32_t z = 0; z < kD; ++z) {
+            EXPECT_EQ(stack[z].ZCoord(), z);
+            for (std::int32_t i = 0; i < kW * kH; ++i)
+                ASSERT_EQ(Voxel(stack, z, i % kW, i / kW), ValueAt(i % kW, i / kW, z) + c.offset) << i << ", " << z;
+        }
     }
-}
-
-TEST_F(VolumeReadersTest, DetachedDataFilesAreFoundBesideTheHeader)
-{
-    Write("data.raw", Samples<std::int16_t>(std::endian::big));
-    Write("v.nhdr", Join("NRRD0004\ntype: int16\ndimension: 3\nsizes: 6 5 4\nendian: big\nencoding: raw\n"
-                         "data file: data.raw\n",
-                         {}));
-    ExpectValues(Load(m_scratch / "v.nhdr"), true, 0);
-    Write("v.mhd", Join("NDims = 3\nDimSize = 6 5 4\nElementType = MET_SHORT\nElementByteOrderMSB = True\n"
-                        "ElementDataFile = data.raw\n",
-                        {}));
-    ExpectValues(Load(m_scratch / "v.mhd"), true, 0);
 }
 
 TEST_F(VolumeReadersTest, DamagedFilesGiveOneLineNamingTheFieldAndNeverAllocateWhatTheyClaim)
 {
-    const Bytes samples = Samples<std::int16_t>(std::endian::little);
-    const Bytes truncated(samples.begin(), samples.end() - 7);
+    const Bytes samples = Samples<std::int16_t>(), truncated(samples.begin(), samples.end() - 7);
     const auto withHeader = [&](std::string header, const std::string& from, const std::string& to) {
-        header.replace(header.find(from), from.size(), to);
-        return Join(header, samples);
+        return Join(header.replace(header.find(from), from.size(), to), samples);
     };
-    Bytes nifti = Nifti({kW, kH, kD}, 4, 16, samples);
-    Bytes niftiBadType = nifti;
+    const Bytes nifti = Nifti({kW, kH, kD}, 4, 16, samples);
+    Bytes niftiBadType = nifti, nifti4d = nifti;
     Put<std::int16_t>(niftiBadType, 70, 128);  // RGB
-    Bytes nifti4d = nifti;
     Put<std::int16_t>(nifti4d, 40, 4);
     Put<std::int16_t>(nifti4d, 48, 3);
-    const Bytes gzipped = Deflate(Nifti({kW, kH, kD}, 4, 16, samples), true), deflated = Deflate(samples, true);
-    struct Case {
+    const Bytes gzipped = Deflate(nifti, true), deflated = Deflate(samples, true);
+    const std::string nrrdGzip = "NRRD0004\ntype: short\ndimension: 3\nsizes: 6 5 4\nendian: little\nencoding: gzip\n\n";
+    const struct {
         const char* name;
         Bytes bytes;
         const char* message;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"t.nrrd", Join(kNrrdI16, truncated), "233 bytes of samples, expected 240 for 6x5x4 i16"},
         {"m.nrrd", Join("PNG\n", samples), "not a NRRD file"},
         {"s.nrrd", withHeader(kNrrdI16, "sizes: 6 5 4", "sizes: 6 5"), "\"sizes: 6 5\": wants one size per dimension"},
@@ -177,13 +126,9 @@ TEST_F(VolumeReadersTest, DamagedFilesGiveOneLineNamingTheFieldAndNeverAllocateW
         {"e.nrrd", withHeader(kNrrdI16, "raw", "bzip2"), "\"encoding: bzip2\": the tool reads raw and gzip"},
         {"n.nrrd", withHeader(kNrrdI16, "endian: little\n", ""), "the header has no \"endian\" field"},
         // A gzip header claiming a 65536 x 65536 x 16384 volume from a few bytes.
-        {"z.nrrd", Join("NRRD0004\ntype: short\ndimension: 3\nsizes: 65536 65536 16384\nendian: little\n"
-                        "encoding: gzip\n\n",
-                        deflated),
+        {"z.nrrd", Join(std::string(nrrdGzip).replace(nrrdGzip.find("6 5 4"), 5, "65536 65536 16384"), deflated),
          "compressed bytes can't hold"},
-        {"g.nrrd", Join("NRRD0004\ntype: short\ndimension: 3\nsizes: 6 5 4\nendian: little\nencoding: gzip\n\n",
-                        Bytes(deflated.begin(), deflated.end() - 20)),
-         "cut short"},
+        {"g.nrrd", Join(nrrdGzip, Bytes(deflated.begin(), deflated.end() - 20)), "cut short"},
         {"t.mha", Join(kMhaI16, truncated), "233 bytes of samples, expected 240"},
         {"d.mha", withHeader(kMhaI16, "DimSize = 6 5 4", "DimSize = 6 0 4"), "\"DimSize = 6 0 4\": each size"},
         {"c.mha", withHeader(kMhaI16, "ObjectType = Image\n", "ElementNumberOfChannels = 3\n"),
@@ -197,16 +142,15 @@ TEST_F(VolumeReadersTest, DamagedFilesGiveOneLineNamingTheFieldAndNeverAllocateW
         {"t.nii.gz", Bytes(gzipped.begin(), gzipped.end() - 30), "cut short"},
         {"v.raw", samples, "a raw file needs --dims WxHxD and --type"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const auto path = Write(c.name, c.bytes);
+        WriteFile(m_scratch / c.name, c.bytes);
         try {
-            (void)Load(path);
+            (void)Load(m_scratch / c.name);
             ADD_FAILURE() << "no error";
         } catch (const std::exception& e) {
-            const std::string text = e.what();
-            EXPECT_NE(text.find(c.message), std::string::npos) << text;
-            EXPECT_EQ(text.find('\n'), std::string::npos) << text;
+            EXPECT_TRUE(Holds(e.what(), c.message));
+            EXPECT_EQ(std::string(e.what()).find('\n'), std::string::npos) << e.what();
         }
     }
 }

@@ -11,35 +11,25 @@ using Axr::Window;
 
 constexpr std::uint16_t kUndefined = 0xFFFF;
 
-// Stored values are HU + 1024.
-constexpr std::uint16_t Stored(int hu) { return static_cast<std::uint16_t>(hu + 1024); }
-
-TEST(WindowTest, EdgesOfTheSoftTissueWindowAreBlackAndWhite)
+TEST(WindowTest, EdgesAreBlackAndWhiteAndTheRampRoundsToNearest)
 {
-    const Window soft = Window::SoftTissue();  // -160 .. 240 HU
-    EXPECT_EQ(ApplyWindow(soft, Stored(-160), kUndefined), 0);
-    EXPECT_EQ(ApplyWindow(soft, Stored(-161), kUndefined), 0);
-    EXPECT_EQ(ApplyWindow(soft, 0, kUndefined), 0);
-    EXPECT_EQ(ApplyWindow(soft, Stored(240), kUndefined), 255);
-    EXPECT_EQ(ApplyWindow(soft, Stored(239), kUndefined), 254);  // 399/400 * 255 = 254.4
-    EXPECT_EQ(ApplyWindow(soft, Stored(-159), kUndefined), 1);   // 1/400 * 255 = 0.64 rounds up
-    EXPECT_EQ(ApplyWindow(soft, Stored(40), kUndefined), 128);   // the centre: 127.5 rounds up
-    EXPECT_EQ(ApplyWindow(soft, 0xFFFE, kUndefined), 255);
-}
-
-TEST(WindowTest, BoneWindowSpansItsWidth)
-{
-    const Window bone = Window::Bone();  // -450 .. 1050 HU
-    EXPECT_EQ(ApplyWindow(bone, Stored(-450), kUndefined), 0);
-    EXPECT_EQ(ApplyWindow(bone, Stored(1050), kUndefined), 255);
-    EXPECT_EQ(ApplyWindow(bone, Stored(300), kUndefined), 128);
-}
-
-TEST(WindowTest, UndefinedPixelsAreBlackEvenWhereTheWindowWouldBeWhite)
-{
-    EXPECT_EQ(ApplyWindow(Window::SoftTissue(), kUndefined, kUndefined), 0);
-    EXPECT_EQ(ApplyWindow(Window::SoftTissue(), Stored(1000), Stored(1000)), 0);
-    EXPECT_EQ(ApplyWindow(Window::SoftTissue(), kUndefined, 0), 255);
+    const Window soft = Window::SoftTissue(), bone = Window::Bone();
+    const struct {
+        Window window;
+        int hu, grey;  // stored values are HU + 1024
+    } cases[] = {
+        {soft, -1024, 0}, {soft, -161, 0}, {soft, -160, 0}, {soft, 240, 255}, {soft, 0xFFFE - 1024, 255},
+        {soft, -159, 1},    // 1/400 * 255 = 0.64 rounds up
+        {soft, 40, 128},    // the centre: 127.5 rounds up
+        {soft, 239, 254},   // 399/400 * 255 = 254.4
+        {bone, -450, 0}, {bone, 300, 128}, {bone, 1050, 255},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(ApplyWindow(c.window, static_cast<std::uint16_t>(c.hu + 1024), kUndefined), c.grey) << c.hu;
+    // Undefined pixels are black even where the window would make them white.
+    EXPECT_EQ(ApplyWindow(soft, kUndefined, kUndefined), 0);
+    EXPECT_EQ(ApplyWindow(soft, 2024, 2024), 0);
+    EXPECT_EQ(ApplyWindow(soft, kUndefined, 0), 255);
 }
 
 TEST(WindowTest, PictureVersionMatchesThePixelVersion)

@@ -1,6 +1,7 @@
 #include "base/QelArray.h"
 
 #include "support/AssertionText.h"
+#include "support/BaseTestSupport.h"
 #include "support/CountingMemoryManager.h"
 
 #include <gtest/gtest.h>
@@ -56,7 +57,7 @@ TEST_P(QelArrayResizeTest, KeepsSharedElementsAtTheirIndicesAndFillsTheRestWithT
     const QelIntRange before(0, 9);
     const std::vector<QelIntRange> targets = {{5, 14}, {-5, 4}, {2, 7}, {-3, 12}, {20, 29}, {-40, -1}};
     for (const QelIntRange& target : targets) {
-        SCOPED_TRACE(testing::Message() << "to (" << target.Min << ", " << target.Max << ")");
+        SCOPED_TRACE(testing::PrintToString(target));
         auto array = MakeNumbered(before, Manager());
         ASSERT_NE(array, nullptr);
         ASSERT_TRUE(array->Resize(target));
@@ -124,7 +125,6 @@ TEST(QelArrayTest, ElementsWithADestructorAreAllDestroyedWithTheArray)
 {
     int destroyed = 0;
     auto array = QelArray<Tracked>::New(8, Tracked{&destroyed}, nullptr);
-    ASSERT_NE(array, nullptr);
     const int beforeDelete = destroyed;
     array.reset();
     EXPECT_EQ(destroyed - beforeDelete, 8 + 1);  // the elements and the default element

@@ -39,20 +39,15 @@ TEST(QelManagedPtrTest, DestroysTheObjectAndGivesTheBlockBackToTheManagerItCameF
     EXPECT_EQ(destroyed, 2);
     EXPECT_EQ(second.Outstanding(), 0u);
     EXPECT_EQ(first.ForeignFrees() + second.ForeignFrees(), 0);
-}
 
-TEST(QelManagedPtrTest, MakeGivesNullWithoutABlockAndReturnsTheBlockOfAThrowingConstructor)
-{
-    CountingMemoryManager manager;
-    int destroyed = 0;
-    manager.SetFailing(true);
-    EXPECT_EQ(QelMakeManaged<Counted>(&manager, destroyed), nullptr);
-
-    manager.SetFailing(false);
-    EXPECT_THROW((void)QelMakeManaged<Counted>(&manager, destroyed, true), std::runtime_error);
-    EXPECT_EQ(manager.AllocCalls(), 2);
-    EXPECT_EQ(manager.Outstanding(), 0u);
-    EXPECT_EQ(destroyed, 0);
+    // Make gives null without a block and returns the block of a throwing constructor.
+    first.SetFailing(true);
+    EXPECT_EQ(QelMakeManaged<Counted>(&first, destroyed), nullptr);
+    first.SetFailing(false);
+    EXPECT_THROW((void)QelMakeManaged<Counted>(&first, destroyed, true), std::runtime_error);
+    EXPECT_EQ(first.AllocCalls(), 3);
+    EXPECT_EQ(first.Outstanding(), 0u);
+    EXPECT_EQ(destroyed, 2);
 }
 
 }  // namespace

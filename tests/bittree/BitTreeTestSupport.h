@@ -7,20 +7,15 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <string>
+#include <random>
+#include <sstream>
 #include <vector>
 
-class QelMemoryManager;
-
-inline QelIntRange SizeRange(std::uint32_t size)
-{
-    return size == 0 ? QelIntRange() : QelIntRange(0, static_cast<std::int32_t>(size) - 1);
-}
-
-inline std::unique_ptr<QelBlockedBitTree> MakeTree(std::uint32_t width, std::uint32_t height, std::uint32_t depth,
+inline std::unique_ptr<QelBlockedBitTree> MakeTree(std::uint32_t w, std::uint32_t h, std::uint32_t d,
                                                    QelMemoryManager* manager = nullptr)
 {
-    return QelBlockedBitTree::New({SizeRange(width), SizeRange(height), SizeRange(depth)}, manager);
+    const auto range = [](std::uint32_t n) { return n ? QelIntRange(0, std::int32_t(n) - 1) : QelIntRange(); };
+    return QelBlockedBitTree::New({range(w), range(h), range(d)}, manager);
 }
 
 inline unsigned TestSeed()
@@ -29,115 +24,122 @@ inline unsigned TestSeed()
     return text ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : 20261123u;
 }
 
-// The plain reference: one bool per voxel inside the volume, X fastest.
-class DenseMask {
-public:
-    DenseMask(std::uint32_t width, std::uint32_t height, std::uint32_t depth)
-        : m_width(width), m_height(height), m_depth(depth), m_bits(std::size_t{width} * height * depth)
-    {
-    }
-
-    [[nodiscard]] bool Inside(std::int64_t x, std::int64_t y, std::int64_t z) const
-    {
-        return x >= 0 && y >= 0 && z >= 0 && x < m_width && y < m_height && z < m_depth;
-    }
-    [[nodiscard]] bool Get(std::int64_t x, std::int64_t y, std::int64_t z) const
-    {
-        return Inside(x, y, z) && m_bits[Index(x, y, z)];
-    }
-    void Set(std::int64_t x, std::int64_t y, std::int64_t z, bool value = true)
-    {
-        if (Inside(x, y, z))
-            m_bits[Index(x, y, z)] = value;
-    }
-    void ClearPlane(std::int64_t z)
-    {
-        for (std::uint32_t y = 0; y < m_height; ++y)
-            for (std::uint32_t x = 0; x < m_width; ++x)
-                Set(x, y, z, false);
-    }
-    [[nodiscard]] bool AnyIn(std::int64_t x0, std::int64_t y0, std::int64_t z0, std::int64_t edge) const
-    {
-        for (std::int64_t z = z0; z < z0 + edge; ++z)
-            for (std::int64_t y = y0; y < y0 + edge; ++y)
-                for (std::int64_t x = x0; x < x0 + edge; ++x)
-                    if (Get(x, y, z))
-                        return true;
-        return false;
-    }
-
-    std::uint32_t m_width, m_height, m_depth;
-
-private:
-    [[nodiscard]] std::size_t Index(std::int64_t x, std::int64_t y, std::int64_t z) const
-    {
-        return static_cast<std::size_t>((z * m_height + y) * m_width + x);
-    }
-
-    std::vector<bool> m_bits;
-};
-
-// Every voxel, every block row and column as the accessors give them, and the
-// summary promises: a 1 must mean a row or column without a set bit.
-inline void ExpectSameVoxels(const QelBlockedBitTree& tree, const DenseMask& dense)
+inline void FillBlock(QelBlockedBitTree& tree, std::uint32_t i)
 {
-    int reported = 0;
-    const auto report = [&reported](const std::string& what) {
-        if (reported++ < 5)
-            ADD_FAILURE() << what;
-    };
-    for (std::uint32_t z = 0; z < dense.m_depth; ++z)
-        for (std::uint32_t y = 0; y < dense.m_height; ++y)
-            for (std::uint32_t x = 0; x < dense.m_width; ++x) {
-                const bool expected = dense.Get(x, y, z);
-                const std::string at = std::to_string(x) + ", " + std::to_string(y) + ", " + std::to_string(z);
-                if (tree.IsSet(static_cast<std::int32_t>(x), static_cast<std::int32_t>(y),
-                               static_cast<std::int32_t>(z)) != expected)
-                    report("voxel " + at);
-                if (tree.IsSetInRow(x, 128 * (z % 32) + y % 32, tree.GetBlockIndex(0, y, z)) != expected)
-                    report("row voxel " + at);
-            }
-    EXPECT_FALSE(tree.IsSetInRow(dense.m_width, 0, 0));
-
-    for (std::uint32_t i = 0; i < tree.GetBlockCount(); ++i) {
-        const QelBlockedBitTree::Block* block = tree.GetBlock(i);
-        if (!QelBlockedBitTree::HasStorage(block))
-            continue;
-        std::uint32_t x0, y0, z0;
-        tree.GetBlockOrigin(i, x0, y0, z0);
-        for (std::uint32_t z = 0; z < 32; ++z)
-            for (std::uint32_t k = 0; k < 32; ++k) {
-                std::uint32_t row = 0, column = 0, rowMask = 0, columnMask = 0, rawRow = 0, rawColumn = 0;
-                for (std::uint32_t b = 0; b < 32; ++b) {
-                    row |= std::uint32_t{dense.Get(x0 + b, y0 + k, z0 + z)} << b;
-                    column |= std::uint32_t{dense.Get(x0 + k, y0 + b, z0 + z)} << b;
-                    rowMask |= std::uint32_t{dense.Inside(x0 + b, y0 + k, z0 + z)} << b;
-                    columnMask |= std::uint32_t{dense.Inside(x0 + k, y0 + b, z0 + z)} << b;
-                    rawRow |= std::uint32_t(block->Bits[128 * z + 32 * (b / 8) + k] >> (b % 8) & 1) << b;
-                    rawColumn |= std::uint32_t(block->Bits[128 * z + 32 * (k / 8) + b] >> (k % 8) & 1) << b;
-                }
-                const std::string at = "block " + std::to_string(i) + " line " + std::to_string(k) + " z " +
-                                       std::to_string(z);
-                if ((block->GetRowBits(k, z) & rowMask) != row)
-                    report("row bits, " + at);
-                if ((block->GetColumnBits(k, z) & columnMask) != column)
-                    report("column bits, " + at);
-                if ((block->SummaryY[z] >> k & 1) && rawRow != 0)
-                    report("SummaryY broken, " + at);
-                if ((block->SummaryX[z] >> k & 1) && rawColumn != 0)
-                    report("SummaryX broken, " + at);
-            }
-    }
+    for (std::uint32_t n = 0; n < 32 * 32; ++n)
+        ASSERT_TRUE(tree.SetRowBits(i, n % 32, n / 32, ~0u));
 }
 
-// A flag of 1 must mean that nothing is set in the 33-voxel cube from the origin.
-inline void ExpectEmptinessPromisesHold(const QelBlockedBitTree& tree, const DenseMask& dense)
+// An entry's bit as stored, outside the volume too: an empty entry is clear, a full one set.
+inline bool RawBit(const QelBlockedBitTree& tree, std::uint32_t x, std::uint32_t y, std::uint32_t z)
 {
+    const QelBlockedBitTree::Block* entry = tree.GetBlock(tree.GetBlockIndex(x, y, z));
+    if (!QelBlockedBitTree::HasStorage(entry))
+        return entry != nullptr;
+    return entry->Bits[128 * (z % 32) + 32 * (x % 32 / 8) + y % 32] >> (x % 8) & 1;
+}
+
+// The plain reference: one byte per voxel of a volume's whole block grid, padding included.
+struct Grid {
+    Grid(std::uint32_t width, std::uint32_t height, std::uint32_t depth)
+        : w(width), h(height), d(depth), gw((w + 31) & ~31u), gh((h + 31) & ~31u), gd((d + 31) & ~31u),
+          bits(std::size_t{gw} * gh * gd)
+    {
+    }
+    static Grid Of(const QelBlockedBitTree& tree)
+    {
+        Grid g(tree.Width(), tree.Height(), tree.Depth());
+        for (std::uint32_t n = 0; n < g.bits.size(); ++n)
+            g.bits[n] = RawBit(tree, n % g.gw, n / g.gw % g.gh, n / g.gw / g.gh);
+        return g;
+    }
+    bool InVolume(std::int64_t x, std::int64_t y, std::int64_t z) const { return Within(x, y, z, w, h, d); }
+    bool InGrid(std::int64_t x, std::int64_t y, std::int64_t z) const { return Within(x, y, z, gw, gh, gd); }
+    bool Get(std::int64_t x, std::int64_t y, std::int64_t z) const { return InGrid(x, y, z) && bits[At(x, y, z)]; }
+    void Set(std::int64_t x, std::int64_t y, std::int64_t z, bool value = true)
+    {
+        if (InGrid(x, y, z))
+            bits[At(x, y, z)] = value;
+    }
+    // The same voxels inside the volume, padding clear.
+    Grid Volume() const
+    {
+        Grid g(w, h, d);
+        for (std::uint32_t n = 0; n < bits.size(); ++n)
+            g.bits[n] = bits[n] && InVolume(n % gw, n / gw % gh, n / gw / gh);
+        return g;
+    }
+    static bool Within(std::int64_t x, std::int64_t y, std::int64_t z, std::int64_t a, std::int64_t b, std::int64_t c)
+    {
+        return x >= 0 && y >= 0 && z >= 0 && x < a && y < b && z < c;
+    }
+    std::size_t At(std::int64_t x, std::int64_t y, std::int64_t z) const { return std::size_t((z * gh + y) * gw + x); }
+
+    std::uint32_t w, h, d, gw, gh, gd;
+    std::vector<std::uint8_t> bits;
+};
+
+// Voxels through both readers, raw bits (padding too when `padding`), every block's
+// row and column accessors against its raw bits (which a broken summary promise
+// fails), and the emptiness flags: a 1 must mean no set voxel in the 33-cube.
+inline void ExpectTreeIs(const QelBlockedBitTree& tree, const Grid& ref, bool padding = false)
+{
+    std::ostringstream wrong;
+    int count = 0;
+    const auto check = [&](bool ok, const char* what, std::uint32_t a, std::uint32_t b, std::uint32_t c) {
+        if (!ok && count++ < 5)
+            wrong << what << " " << a << "," << b << "," << c << "; ";
+    };
+    for (std::uint32_t n = 0; n < ref.bits.size(); ++n) {
+        const std::uint32_t x = n % ref.gw, y = n / ref.gw % ref.gh, z = n / ref.gw / ref.gh;
+        const bool want = ref.bits[n] != 0, inside = ref.InVolume(x, y, z);
+        check(!inside || tree.IsSet(std::int32_t(x), std::int32_t(y), std::int32_t(z)) == want, "voxel", x, y, z);
+        check(!inside || tree.IsSetInRow(x, 128 * (z % 32) + y % 32, tree.GetBlockIndex(0, y, z)) == want,
+              "voxel in row", x, y, z);
+        check(!padding || RawBit(tree, x, y, z) == want, "raw bit", x, y, z);
+    }
+    check(!tree.IsSetInRow(tree.Width(), 0, 0), "row end", tree.Width(), 0, 0);
     for (std::uint32_t i = 0; i < tree.GetBlockCount(); ++i) {
-        if (tree.BlockEmptiness()[i] == 0)
-            continue;
         std::uint32_t x0, y0, z0;
         tree.GetBlockOrigin(i, x0, y0, z0);
-        EXPECT_FALSE(dense.AnyIn(x0, y0, z0, 33)) << "block " << i << " at (" << x0 << ", " << y0 << ", " << z0 << ")";
+        const QelBlockedBitTree::Block* block = tree.GetBlock(i);
+        for (std::uint32_t n = 0; QelBlockedBitTree::HasStorage(block) && n < 32 * 32; ++n) {
+            const std::uint32_t k = n % 32, z = n / 32;
+            std::uint32_t row = 0, column = 0;
+            for (std::uint32_t b = 0; b < 32; ++b) {
+                row |= std::uint32_t(block->Bits[128 * z + 32 * (b / 8) + k] >> (b % 8) & 1) << b;
+                column |= std::uint32_t(block->Bits[128 * z + 32 * (k / 8) + b] >> (k % 8) & 1) << b;
+            }
+            check(block->GetRowBits(k, z) == row, "row of block", i, k, z);
+            check(block->GetColumnBits(k, z) == column, "column of block", i, k, z);
+        }
+        bool clear = true;
+        for (std::uint32_t n = 0; tree.BlockEmptiness()[i] && n < 33 * 33 * 33; ++n) {
+            const std::uint32_t x = x0 + n % 33, y = y0 + n / 33 % 33, z = z0 + n / 1089;
+            clear = clear && !(ref.InVolume(x, y, z) && ref.Get(x, y, z));
+        }
+        check(clear, "emptiness flag of block", i, 0, 0);
     }
+    EXPECT_EQ(count, 0) << wrong.str();
+}
+
+// Entries of every form: empty, full, sparse, nearly full and random rows, written
+// past the volume's edge too; flags computed, as a builder of masks leaves them.
+inline std::unique_ptr<QelBlockedBitTree> RandomTree(std::uint32_t w, std::uint32_t h, std::uint32_t d,
+                                                     std::mt19937& random, QelMemoryManager* manager = nullptr)
+{
+    auto tree = MakeTree(w, h, d, manager);
+    for (std::uint32_t i = 0; tree && i < tree->GetBlockCount(); ++i) {
+        const std::uint32_t kind = random() % 5;
+        for (std::uint32_t n = 0; kind && n < 32 * 32; ++n) {
+            const std::uint32_t words[] = {random() % 3 ? 0u : std::uint32_t(random()), ~0u,
+                                           random() % 16 ? 0u : 1u << (random() % 32),
+                                           ~(1u << (random() % 32)) | (random() % 4 ? 0u : ~0u)};
+            if (!tree->SetRowBits(i, n % 32, n / 32, words[kind % 4]))
+                return nullptr;
+        }
+    }
+    if (tree)
+        tree->ComputeBlockEmptiness();
+    return tree;
 }

@@ -1,394 +1,237 @@
 #include "bittree/QelBlockedBitTreeThresholder.h"
 
-#include "bittree/ThresholdTestSupport.h"
+#include "bittree/BitTreeTestSupport.h"
+#include "bittree/QelBlockedBitTreeOps.h"
+#include "bittree/imp/QelBlockedBitTreeThresholderWkr.h"
+#include "bittree/imp/QelThresholdRow.h"
+#include "image_stack/QelImageStack.h"
+#include "image_stack/QelImageStackSegmentationAccelerator.h"
+#include "image_stack/TestSlices.h"
 #include "support/BaseTestSupport.h"
 #include "support/CountingMemoryManager.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cmath>
-#include <cstdio>
-#include <random>
-#include <string>
+#include <cstring>
 #include <tuple>
 
 namespace {
 
 using Thresholder = QelBlockedBitTreeThresholder;
-using Block = QelBlockedBitTree::Block;
-
 constexpr std::int32_t kUnset = Thresholder::kUnsetLimit;
 
-std::unique_ptr<Thresholder> MakeThresholder(const TestVolume& volume, std::int32_t threshold, int threads,
-                                             bool classifyNow = false)
+// The rule on plain integers: unsigned samples keep their value and the threshold
+// is compared on that scale; the blend is floored like a true division.
+bool ExpectedBit(std::uint16_t first, std::uint16_t second, bool twoPlanes, std::int32_t weight, bool isSigned,
+                 bool hasPadding, std::uint16_t padding, std::int64_t threshold)
 {
-    return Thresholder::New(volume.Stack(), volume.Accelerator(), threshold, 1.0f, kUnset, kUnset, classifyNow,
-                            threads);
+    const auto value = [isSigned](std::uint16_t raw) { return isSigned ? std::int16_t(raw) : std::int64_t{raw}; };
+    if (hasPadding && (second == padding || (twoPlanes && first == padding)))
+        return false;
+    if (!twoPlanes)
+        return value(second) >= threshold;
+    const std::int64_t bias = isSigned ? 0 : 32768;
+    const std::int64_t sum = (value(first) - bias) * weight + (value(second) - bias) * (16384 - weight);
+    return (sum >= 0 ? sum / 16384 : -((-sum + 16383) / 16384)) + bias >= threshold;
 }
+
+// A stack over slices the test owns, one slice per z given, in that (rising) order.
+struct TestVolume {
+    TestVolume(std::int32_t width, std::int32_t height, const std::vector<float>& zs, bool isSigned, int bytes = 2)
+        : isSigned(isSigned)
+    {
+        for (float z : zs) {
+            slices.push_back(std::make_unique<TestSlice>(width, height, bytes));
+            EXPECT_TRUE(stack->InsertImage(slices.back().get(), z, false, isSigned)) << z;
+        }
+    }
+    const QelImageStackSegmentationAccelerator& Accelerator() const { return *stack->SegmentationAccelerator(); }
+    void Set(std::size_t slice, std::int32_t x, std::int32_t y, std::uint16_t value)
+    {
+        std::memcpy(slices[slice]->PixelAddress(x, y), &value, sizeof value);
+    }
+    std::unique_ptr<Thresholder> Make(std::int32_t threshold, int threads, bool classify = false, float scale = 1) const
+    {
+        return Thresholder::New(*stack, Accelerator(), threshold, scale, kUnset, kUnset, classify, threads);
+    }
+    // Slices `first` to `last` of the volume box by the rule, from the accelerator's rows.
+    Grid Reference(std::int64_t threshold, std::int32_t first, std::int32_t last) const
+    {
+        const QelIntBBox3 box = Accelerator().VolumeBox();
+        Grid ref(box.Width(), box.Height(), box.Depth());
+        for (std::int32_t z = std::max(first, 0); z <= std::min(last, box.Depth() - 1); ++z) {
+            const std::uint8_t *above = nullptr, *below = nullptr;
+            const std::uint16_t fraction = Accelerator().RowPlanes(z, above, below);
+            for (std::int32_t n = 0; n < box.Width() * box.Height(); ++n) {
+                const std::int32_t x = n % box.Width(), y = n / box.Width();
+                const std::ptrdiff_t at = std::ptrdiff_t{y} * stack->BytesPerLine() + 2 * x;
+                std::uint16_t a, b;
+                std::memcpy(&a, above + at, 2);
+                std::memcpy(&b, below + at, 2);
+                ref.Set(x, y, z,
+                        ExpectedBit(a, b, fraction != 0, fraction >> 2, isSigned, stack->HasPadding(),
+                                    static_cast<std::uint16_t>(stack->PaddingValue()), threshold));
+            }
+        }
+        return ref;
+    }
+
+    bool isSigned;
+    std::vector<std::unique_ptr<TestSlice>> slices;  // declared first: outlives the stack
+    std::unique_ptr<QelImageStack> stack = QelImageStack::New();
+};
 
 // What the caller does with the tree before anyone reads it.
-void Complete(QelBlockedBitTree& tree)
+void ExpectMatches(QelBlockedBitTree* tree, const Grid& expected)
 {
-    tree.CompleteSummaryInX();
-    tree.CompleteSummaryInY();
-    tree.ComputeBlockEmptiness();
+    ASSERT_NE(tree, nullptr);
+    tree->CompleteSummaryInX();
+    tree->CompleteSummaryInY();
+    tree->ComputeBlockEmptiness();
+    ExpectTreeIs(*tree, expected);
 }
-
-void ExpectMatches(QelBlockedBitTree& tree, const DenseMask& expected)
-{
-    Complete(tree);
-    ExpectSameVoxels(tree, expected);
-    ExpectEmptinessPromisesHold(tree, expected);
-}
-
-// Entry kinds, bits and summaries as they come out of Threshold, before completion.
-void ExpectSameEntries(const QelBlockedBitTree& actual, const QelBlockedBitTree& expected)
-{
-    ASSERT_EQ(actual.GetBlockCount(), expected.GetBlockCount());
-    for (std::uint32_t i = 0; i < actual.GetBlockCount(); ++i) {
-        const Block* a = actual.GetBlock(i);
-        const Block* e = expected.GetBlock(i);
-        ASSERT_EQ(QelBlockedBitTree::HasStorage(a), QelBlockedBitTree::HasStorage(e)) << "block " << i;
-        if (!QelBlockedBitTree::HasStorage(a)) {
-            EXPECT_EQ(a, e) << "block " << i;
-            continue;
-        }
-        EXPECT_EQ(std::memcmp(a, e, QelBlockedBitTree::kBlockBytes), 0) << "block " << i;
-    }
-}
-
-std::uint32_t OwnedBlocks(const QelBlockedBitTree& tree)
-{
-    std::uint32_t owned = 0;
-    for (std::uint32_t i = 0; i < tree.GetBlockCount(); ++i)
-        owned += QelBlockedBitTree::HasStorage(tree.GetBlock(i)) ? 1u : 0u;
-    return owned;
-}
-
-// ---- Random stacks against the reference ----
 
 struct StackCase {
-    bool isSigned;
-    bool hasPadding;
-    bool uneven;  // slices at uneven z, so that most rows blend two of them
+    bool isSigned, hasPadding, uneven;  // uneven: slices at uneven z, so that most rows blend two
+    std::int32_t Threshold() const { return isSigned ? -100 : 1200; }
 };
 
-std::string CaseName(const ::testing::TestParamInfo<StackCase>& info)
+// Regions of a block's size: all below the threshold, all above, mixed near it, and
+// anything; padding sprinkled everywhere but in some of the high regions, and valued
+// above the threshold so that it would be set if it counted.
+std::unique_ptr<TestVolume> RandomVolume(const StackCase& c, std::uint32_t seed)
 {
-    return std::string(info.param.isSigned ? "Signed" : "Unsigned") + (info.param.hasPadding ? "Padded" : "") +
-           (info.param.uneven ? "Uneven" : "Even");
+    const std::int32_t t = c.Threshold(), width = c.uneven ? 37 : 70, height = c.uneven ? 66 : 45;
+    const auto padding = static_cast<std::uint16_t>(t + 500);
+    std::vector<float> z;  // an uneven stack's row 0 lies below its first slice
+    for (float at = c.uneven ? 0.5f : 0; at < (c.uneven ? 50 : 40); at += c.uneven ? 0.75f + z.size() % 4 * 0.6f : 1)
+        z.push_back(at);
+    auto volume = std::make_unique<TestVolume>(width, height, z, c.isSigned);
+    if (c.hasPadding)
+        volume->stack->SetPaddingValue(c.isSigned ? static_cast<std::int16_t>(padding) : padding);
+    std::mt19937 random(seed);
+    for (std::size_t n = 0; n < z.size() * width * height; ++n) {
+        const std::int32_t x = n % width, y = n / width % height, kind = (x / 32 * 3 + y / 32 * 5) % 4;
+        const auto r = static_cast<std::int32_t>(random() % 65536);
+        const bool pure = kind == 1 && x < 32;
+        std::int32_t value = std::array{t - 1 - r % 1000, t + r % 1000, t - 200 + r % 400, r}[kind];
+        if (c.hasPadding && (pure ? value == padding : random() % 40 == 0))
+            value = pure ? t : padding;
+        volume->Set(n / width / height, x, y, static_cast<std::uint16_t>(value));
+    }
+    return volume;
 }
 
-// Regions of a block's width and height: all below the threshold, all above, mixed near
-// it, and anything; padding sprinkled everywhere but in some of the high regions,
-// and valued above the threshold so that it would be set if it counted.
-class RandomVolume {
-public:
-    RandomVolume(const StackCase& c, std::uint32_t seed)
-        : threshold(c.isSigned ? -100 : 1200), padding(static_cast<std::uint16_t>(threshold + 500))
-    {
-        std::vector<float> z;
-        if (c.uneven) {
-            const float gaps[] = {1.0f, 2.5f, 0.75f, 3.0f, 1.25f};
-            float at = 0.5f;  // row 0 lies below the first slice
-            for (int k = 0; at < 50.0f; ++k, at += gaps[k % 5])
-                z.push_back(at);
-        } else {
-            for (int k = 0; k < 40; ++k)
-                z.push_back(static_cast<float>(k));
-        }
-        const std::int32_t width = c.uneven ? 37 : 70;
-        const std::int32_t height = c.uneven ? 66 : 45;
-        volume = std::make_unique<TestVolume>(width, height, z, c.isSigned);
-        if (c.hasPadding)
-            volume->Stack().SetPaddingValue(c.isSigned ? static_cast<std::int16_t>(padding) : padding);
-        std::mt19937 random(seed);
-        for (std::int32_t k = 0; k < volume->SliceCount(); ++k) {
-            // The same across slabs: the rows at a slab's top read the slice above too.
-            for (std::int32_t y = 0; y < height; ++y)
-                for (std::int32_t x = 0; x < width; ++x) {
-                    const std::int32_t bx = x / 32, by = y / 32;
-                    const std::int32_t kind = (bx * 3 + by * 5) % 4;
-                    std::int32_t value = 0;
-                    switch (kind) {
-                    case 0: value = threshold - 1 - static_cast<std::int32_t>(random() % 1000); break;
-                    case 1: value = threshold + static_cast<std::int32_t>(random() % 1000); break;
-                    case 2: value = threshold - 200 + static_cast<std::int32_t>(random() % 400); break;
-                    default: value = static_cast<std::int32_t>(random() % 65536); break;
-                    }
-                    const bool pure = kind == 1 && bx == 0;
-                    if (c.hasPadding && !pure && random() % 40 == 0)
-                        value = padding;
-                    else if (c.hasPadding && pure && value == padding)
-                        value = threshold;
-                    volume->Set(k, x, y, static_cast<std::uint16_t>(value));
-                }
-        }
-    }
+class QelBlockedBitTreeThresholderRandomTest : public ::testing::TestWithParam<int> {};
 
-    std::int32_t threshold;
-    std::uint16_t padding;
-    std::unique_ptr<TestVolume> volume;
-};
-
-class QelBlockedBitTreeThresholderRandomTest : public ::testing::TestWithParam<StackCase> {};
-
-TEST_P(QelBlockedBitTreeThresholderRandomTest, MatchesTheReferenceOnWholeAndPartialRanges)
+// Whole, partial and clipped ranges on one and two threads; then, once the
+// accelerator has block ranges, skipping unreachable blocks and every processor
+// level must give the same entries; then pre-classification keeps the voxels and
+// leaves exactly the undecided blocks as candidates.
+TEST_P(QelBlockedBitTreeThresholderRandomTest, MatchesTheReference)
 {
-    const RandomVolume random(GetParam(), TestSeed());
-    const TestVolume& volume = *random.volume;
-    const std::int32_t depth = volume.Accelerator().VolumeBox().Depth();
-    const DenseMask whole = volume.Reference(random.threshold, 0, depth - 1);
+    const StackCase c{(GetParam() & 1) != 0, (GetParam() & 2) != 0, (GetParam() & 4) != 0};
+    const auto volume = RandomVolume(c, TestSeed());
+    const std::int32_t depth = volume->Accelerator().VolumeBox().Depth(), t = c.Threshold();
+    const Grid whole = volume->Reference(t, 0, depth - 1), part = volume->Reference(t, 3, depth - 8);
+    std::unique_ptr<Thresholder> thresholder;
     for (int threads : {1, 2}) {
-        SCOPED_TRACE(threads);
-        std::unique_ptr<Thresholder> thresholder = MakeThresholder(volume, random.threshold, threads);
+        thresholder = volume->Make(t, threads);
         ASSERT_TRUE(thresholder);
-        std::unique_ptr<QelBlockedBitTree> tree = thresholder->Threshold(0, depth - 1);
-        ASSERT_TRUE(tree);
-        EXPECT_EQ(tree->Box(), volume.Accelerator().VolumeBox());
-        ExpectMatches(*tree, whole);
-
-        // The tree spans the whole volume whatever the range; slices outside stay clear.
-        tree = thresholder->Threshold(3, depth - 8);
-        ASSERT_TRUE(tree);
-        EXPECT_EQ(tree->Depth(), static_cast<std::uint32_t>(depth));
-        ExpectMatches(*tree, volume.Reference(random.threshold, 3, depth - 8));
-
-        // A range reaching past the volume is cut to it.
-        tree = thresholder->Threshold(-5, depth + 5);
-        ASSERT_TRUE(tree);
-        ExpectMatches(*tree, whole);
+        ExpectMatches(thresholder->Threshold(0, depth - 1).get(), whole);
+        ExpectMatches(thresholder->Threshold(3, depth - 8).get(), part);  // the tree still spans the volume
+        ExpectMatches(thresholder->Threshold(-5, depth + 5).get(), whole);
     }
-}
-
-// Blocks whose value range can't reach the threshold are skipped unread once the
-// accelerator has the ranges; the tree must not notice, down to the raw bytes.
-TEST_P(QelBlockedBitTreeThresholderRandomTest, SkipsUnreachableBlocksWithoutChangingABit)
-{
-    const RandomVolume random(GetParam(), TestSeed());
-    const TestVolume& volume = *random.volume;
-    const std::int32_t depth = volume.Accelerator().VolumeBox().Depth();
-    std::unique_ptr<Thresholder> thresholder = MakeThresholder(volume, random.threshold, 2);
-    ASSERT_TRUE(thresholder);
     const std::uint8_t* padding = nullptr;
-    ASSERT_EQ(volume.Accelerator().BlockValues(false, padding), nullptr);
-    std::unique_ptr<QelBlockedBitTree> plain = thresholder->Threshold(0, depth - 1);
-    std::unique_ptr<QelBlockedBitTree> plainPart = thresholder->Threshold(5, depth - 3);
+    ASSERT_EQ(volume->Accelerator().BlockValues(false, padding), nullptr);
+    auto plain = thresholder->Threshold(0, depth - 1), plainPart = thresholder->Threshold(3, depth - 8);
     ASSERT_TRUE(plain && plainPart);
-
-    const std::uint16_t* values = volume.Accelerator().BlockValues(true, padding);
+    const std::uint16_t* values = volume->Accelerator().BlockValues(true, padding);
     ASSERT_NE(values, nullptr);
-    // The volume must offer blocks to skip, or this proves nothing.
-    const bool isSigned = GetParam().isSigned;
-    int unreachable = 0;
-    const std::int32_t blocks = volume.Accelerator().BlocksX() * volume.Accelerator().BlocksY() *
-                                (depth / 32);  // the slab that sticks out is never skipped
-    for (std::int32_t i = 0; i < blocks; ++i) {
-        const std::int32_t high = isSigned ? static_cast<std::int16_t>(values[2 * i + 1]) : values[2 * i + 1];
-        unreachable += high < random.threshold ? 1 : 0;
-    }
+    const auto order = [&](std::uint16_t v) { return c.isSigned ? std::int16_t(v) : std::int32_t{v}; };
+    const std::uint32_t perSlab = plain->BlocksX() * plain->BlocksY();
+    int unreachable = 0;  // the volume must offer blocks to skip, or this proves nothing
+    for (std::uint32_t i = 0; i < perSlab * (depth / 32); ++i)  // the slab that sticks out is never skipped
+        unreachable += order(values[2 * i + 1]) < t ? 1 : 0;
     EXPECT_GT(unreachable, 0);
+    EXPECT_TRUE(QelBlockedBitTreeOps::Equal(*thresholder->Threshold(3, depth - 8), *plainPart));
+    for (QelIsa isa : QelSupportedIsas()) {
+        const QelIsaLimit limit(isa);
+        EXPECT_TRUE(QelBlockedBitTreeOps::Equal(*thresholder->Threshold(0, depth - 1), *plain)) << QelIsaName(isa);
+    }
 
-    std::unique_ptr<QelBlockedBitTree> skipping = thresholder->Threshold(0, depth - 1);
-    std::unique_ptr<QelBlockedBitTree> skippingPart = thresholder->Threshold(5, depth - 3);
-    ASSERT_TRUE(skipping && skippingPart);
-    ExpectSameEntries(*skipping, *plain);
-    ExpectSameEntries(*skippingPart, *plainPart);
-    ExpectMatches(*skipping, volume.Reference(random.threshold, 0, depth - 1));
-}
-
-// Decided blocks become full entries or stay empty without a read; the voxels are
-// those of the compare, and the candidates are exactly the undecided blocks.
-TEST_P(QelBlockedBitTreeThresholderRandomTest, PreClassificationKeepsTheVoxelsAndMarksTheUndecided)
-{
-    const RandomVolume random(GetParam(), TestSeed());
-    const TestVolume& volume = *random.volume;
-    const std::int32_t depth = volume.Accelerator().VolumeBox().Depth();
-    std::unique_ptr<Thresholder> thresholder = MakeThresholder(volume, random.threshold, 2, true);
-    ASSERT_TRUE(thresholder);
-    ASSERT_TRUE(thresholder->IsClassified());
-    const QelBlockedBitTree* candidates = thresholder->CandidateTree();
-    ASSERT_NE(candidates, nullptr);
-
-    const std::uint8_t* padding = nullptr;
-    const std::uint16_t* values = volume.Accelerator().BlockValues(false, padding);
-    ASSERT_NE(values, nullptr);
-    const bool isSigned = GetParam().isSigned;
-    const auto order = [isSigned](std::uint16_t v) {
-        return isSigned ? std::int32_t{static_cast<std::int16_t>(v)} : std::int32_t{v};
-    };
-    const std::uint32_t perSlab = candidates->BlocksX() * candidates->BlocksY();
+    thresholder = volume->Make(t, 2, true);
+    ASSERT_TRUE(thresholder && thresholder->IsClassified() && thresholder->CandidateTree());
     int full = 0;
-    for (std::uint32_t i = 0; i < candidates->GetBlockCount(); ++i) {
+    for (std::uint32_t i = 0; i < plain->GetBlockCount(); ++i) {
         const std::int32_t low = order(values[2 * i]), high = order(values[2 * i + 1]);
         const bool wholeSlab = (i / perSlab + 1) * 32 <= static_cast<std::uint32_t>(depth);
-        const bool decidedFull = wholeSlab && low <= high && low >= random.threshold && padding[i] == 0;
-        const bool decided = low > high || (wholeSlab && (high < random.threshold || decidedFull));
+        const bool decidedFull = wholeSlab && low <= high && low >= t && padding[i] == 0;
         full += decidedFull ? 1 : 0;
-        EXPECT_EQ(candidates->GetBlock(i), decided ? nullptr : QelBlockedBitTree::FullBlock()) << "block " << i;
+        EXPECT_EQ(thresholder->CandidateTree()->GetBlock(i),
+                  low > high || (wholeSlab && (high < t || decidedFull)) ? nullptr : QelBlockedBitTree::FullBlock())
+            << "block " << i;
     }
     EXPECT_GT(full, 0) << "the volume offers no full block";
-
-    std::unique_ptr<QelBlockedBitTree> tree = thresholder->Threshold(0, depth - 1);
-    ASSERT_TRUE(tree);
-    ExpectMatches(*tree, volume.Reference(random.threshold, 0, depth - 1));
+    ExpectMatches(thresholder->Threshold(0, depth - 1).get(), whole);
     // A decided full block reaching out of the range must be read instead.
-    tree = thresholder->Threshold(2, depth - 1);
-    ASSERT_TRUE(tree);
-    ExpectMatches(*tree, volume.Reference(random.threshold, 2, depth - 1));
+    ExpectMatches(thresholder->Threshold(2, depth - 1).get(), volume->Reference(t, 2, depth - 1));
 }
 
-INSTANTIATE_TEST_SUITE_P(Stacks, QelBlockedBitTreeThresholderRandomTest,
-                         testing::Values(StackCase{false, false, false}, StackCase{false, false, true},
-                                         StackCase{false, true, false}, StackCase{false, true, true},
-                                         StackCase{true, false, false}, StackCase{true, false, true},
-                                         StackCase{true, true, false}, StackCase{true, true, true}),
-                         CaseName);
+INSTANTIATE_TEST_SUITE_P(Stacks, QelBlockedBitTreeThresholderRandomTest, testing::Range(0, 8), [](const auto& info) {
+    return std::string(info.param & 1 ? "Signed" : "Unsigned") + (info.param & 2 ? "Padded" : "") +
+           (info.param & 4 ? "Uneven" : "Even");
+});
 
-// Every processor level gives the scalar level's tree, byte for byte.
-TEST(QelBlockedBitTreeThresholderTest, EveryProcessorLevelGivesTheSameTree)
+// Thresholds above the pixel range set nothing and make no block; the lowest ones
+// set every voxel, and blocks wholly inside become full entries.
+TEST(QelBlockedBitTreeThresholderTest, ThresholdsAtTheEndsOfThePixelRange)
 {
-    const RandomVolume random({false, true, true}, TestSeed() + 1);
-    const TestVolume& volume = *random.volume;
-    const std::int32_t depth = volume.Accelerator().VolumeBox().Depth();
-    std::unique_ptr<Thresholder> thresholder = MakeThresholder(volume, random.threshold, 2);
-    ASSERT_TRUE(thresholder);
-    std::unique_ptr<QelBlockedBitTree> scalar;
-    {
-        const QelIsaLimit limit(QelIsa::Scalar);
-        scalar = thresholder->Threshold(0, depth - 1);
-    }
-    ASSERT_TRUE(scalar);
-    for (QelIsa isa : QelSupportedIsas()) {
-        SCOPED_TRACE(QelIsaName(isa));
-        const QelIsaLimit limit(isa);
-        std::unique_ptr<QelBlockedBitTree> tree = thresholder->Threshold(0, depth - 1);
-        ASSERT_TRUE(tree);
-        ExpectSameEntries(*tree, *scalar);
-    }
-}
-
-// ---- Thresholds at the ends of the range ----
-
-TEST(QelBlockedBitTreeThresholderTest, ThresholdsAboveThePixelRangeGiveAnEmptyTreeWithoutBlocks)
-{
-    for (const auto& [isSigned, threshold] : {std::tuple{false, 70000}, std::tuple{false, 65536},
-                                              std::tuple{true, 32768}}) {
-        SCOPED_TRACE(threshold);
-        TestVolume volume(40, 35, {0.0f, 1.0f, 2.5f, 3.0f}, isSigned);
-        volume.Fill(isSigned ? 0x7FFF : 0xFFFF);
-        for (bool classifyNow : {false, true}) {
-            std::unique_ptr<Thresholder> thresholder = MakeThresholder(volume, threshold, 2, classifyNow);
+    const std::tuple<bool, std::int32_t, bool> cases[] = {  // signed, threshold, sets all
+        {false, 70000, false}, {false, 65536, false}, {true, 32768, false}, {false, 0, true},
+        {false, -7, true},     {true, -32768, true},  {true, -100000, true}};
+    std::mt19937 random(TestSeed());
+    for (const auto& [isSigned, threshold, all] : cases) {
+        TestVolume volume(64, 40, {0.0f, 1.0f, 2.5f, 3.0f, 32.0f}, isSigned);
+        for (std::int32_t n = 0; n < 5 * 64 * 40; ++n)
+            volume.Set(n / 2560, n % 64, n / 64 % 40, all ? std::uint16_t(random()) : isSigned ? 0x7FFF : 0xFFFF);
+        for (bool classify : {false, true}) {
+            auto thresholder = volume.Make(threshold, 2, classify);
             ASSERT_TRUE(thresholder);
             CountingMemoryManager manager;
             thresholder->SetTreeMemoryManager(&manager);
-            std::unique_ptr<QelBlockedBitTree> tree = thresholder->Threshold(0, 3);
-            ASSERT_TRUE(tree);
-            EXPECT_EQ(OwnedBlocks(*tree), 0u);
-            EXPECT_EQ(manager.Outstanding(), 2u);  // the table and the flags
-            ExpectMatches(*tree, DenseMask(40, 35, 4));
+            auto tree = thresholder->Threshold(0, 32);
+            ExpectMatches(tree.get(), volume.Reference(threshold, 0, 32));
+            EXPECT_TRUE(all || manager.Outstanding() == 2u) << threshold;  // the table and the flags, no block
+            for (std::uint32_t i = 0; all && !classify && i < 4; ++i)
+                EXPECT_EQ(tree->GetBlock(i) == QelBlockedBitTree::FullBlock(), i < 2) << threshold << " " << i;
         }
     }
 }
 
-TEST(QelBlockedBitTreeThresholderTest, LowestThresholdsSetEveryVoxelAndCompleteBlocksBecomeFull)
+TEST(QelBlockedBitTreeThresholderTest, FailuresGiveNullAndLeaveNothingBehind)
 {
-    // 64 x 40 x 33: two blocks lie wholly inside; the others stick out.
-    std::vector<float> z;
-    for (int k = 0; k < 33; ++k)
-        z.push_back(static_cast<float>(k));
-    for (const auto& [isSigned, threshold] : {std::tuple{false, 0}, std::tuple{false, -7}, std::tuple{true, -32768},
-                                              std::tuple{true, -100000}}) {
-        SCOPED_TRACE(threshold);
-        TestVolume volume(64, 40, z, isSigned);
-        std::mt19937 random(TestSeed());
-        for (std::int32_t k = 0; k < 33; ++k)
-            for (std::int32_t y = 0; y < 40; ++y)
-                for (std::int32_t x = 0; x < 64; ++x)
-                    volume.Set(k, x, y, static_cast<std::uint16_t>(random()));
-        std::unique_ptr<Thresholder> thresholder = MakeThresholder(volume, threshold, 2);
-        ASSERT_TRUE(thresholder);
-        std::unique_ptr<QelBlockedBitTree> tree = thresholder->Threshold(0, 32);
-        ASSERT_TRUE(tree);
-        DenseMask all(64, 40, 33);
-        for (std::int32_t k = 0; k < 33; ++k)
-            for (std::int32_t y = 0; y < 40; ++y)
-                for (std::int32_t x = 0; x < 64; ++x)
-                    all.Set(x, y, k);
-        ExpectMatches(*tree, all);
-        EXPECT_EQ(tree->GetBlock(tree->GetBlockIndex(0, 0, 0)), QelBlockedBitTree::FullBlock());
-        EXPECT_EQ(tree->GetBlock(tree->GetBlockIndex(32, 0, 0)), QelBlockedBitTree::FullBlock());
-        EXPECT_TRUE(QelBlockedBitTree::HasStorage(tree->GetBlock(tree->GetBlockIndex(0, 32, 0))));
-    }
-}
-
-// Padding is clear even where the threshold lies below it, on a slice of its own and
-// in a blend, where either source being padding is enough.
-TEST(QelBlockedBitTreeThresholderTest, PaddingStaysClearEvenBelowTheThreshold)
-{
-    TestVolume volume(9, 3, {0.0f, 2.0f}, false);
-    volume.Stack().SetPaddingValue(5000);
-    volume.Fill(4000);
-    volume.Set(0, 1, 0, 5000);  // padding in the lower slice
-    volume.Set(1, 2, 0, 5000);  // padding in the upper slice
-    volume.Set(0, 8, 2, 5000);  // the row's last pixel, past the last whole byte
-    std::unique_ptr<Thresholder> thresholder = MakeThresholder(volume, 10, -1);
-    ASSERT_TRUE(thresholder);
-    std::unique_ptr<QelBlockedBitTree> tree = thresholder->Threshold(0, 2);
-    ASSERT_TRUE(tree);
-    Complete(*tree);
-    for (std::int32_t z = 0; z < 3; ++z) {
-        SCOPED_TRACE(z);
-        EXPECT_EQ(tree->IsSet(1, 0, z), z == 2);  // row 2 is the upper slice alone
-        EXPECT_EQ(tree->IsSet(2, 0, z), z == 0);  // row 0 is the lower slice alone
-        EXPECT_EQ(tree->IsSet(8, 2, z), z == 2);
-        EXPECT_TRUE(tree->IsSet(0, 0, z));
-        EXPECT_TRUE(tree->IsSet(7, 2, z));
-    }
-}
-
-// ---- Failures ----
-
-TEST(QelBlockedBitTreeThresholderTest, RunningOutOfMemoryGivesNullAndLeavesNothingBehind)
-{
-    const RandomVolume random({true, false, false}, TestSeed());
-    const TestVolume& volume = *random.volume;
-    std::unique_ptr<Thresholder> thresholder = MakeThresholder(volume, random.threshold, 2);
+    const auto volume = RandomVolume({true, false, false}, TestSeed());
+    auto thresholder = volume->Make(-100, 2);
     ASSERT_TRUE(thresholder);
     CountingMemoryManager manager;
     thresholder->SetTreeMemoryManager(&manager);
-    // No tree at all, then the tree but only some of its blocks.
-    for (int allowed : {0, 1, 2, 3, 5}) {
-        SCOPED_TRACE(allowed);
+    for (int allowed : {0, 1, 2, 3, 5}) {  // no tree at all, then the tree but only some of its blocks
         manager.SetFailAfter(allowed);
-        EXPECT_EQ(thresholder->Threshold(0, 39), nullptr);
-        EXPECT_EQ(manager.Outstanding(), 0u);
+        EXPECT_EQ(thresholder->Threshold(0, 39), nullptr) << allowed;
+        EXPECT_EQ(manager.Outstanding(), 0u) << allowed;
     }
-    // The thresholder is still usable.
-    manager.SetFailAfter(-1);
-    std::unique_ptr<QelBlockedBitTree> tree = thresholder->Threshold(0, 39);
-    ASSERT_TRUE(tree);
-    ExpectMatches(*tree, volume.Reference(random.threshold, 0, 39));
+    manager.SetFailAfter(-1);  // still usable
+    ExpectMatches(thresholder->Threshold(0, 39).get(), volume->Reference(-100, 0, 39));
     EXPECT_EQ(manager.ForeignFrees(), 0);
-}
 
-TEST(QelBlockedBitTreeThresholderTest, RefusesScalesAndPixelSizesItCannotServe)
-{
-    TestVolume volume(16, 16, {0.0f, 1.0f}, false);
-    EXPECT_EQ(Thresholder::New(volume.Stack(), volume.Accelerator(), 10, 0.5f, kUnset, kUnset, false), nullptr);
-    EXPECT_EQ(Thresholder::New(volume.Stack(), volume.Accelerator(), 10, 2.0f, kUnset, kUnset, false), nullptr);
-    TestVolume bytes(16, 16, {0.0f, 1.0f}, false, 1);
-    EXPECT_EQ(MakeThresholder(bytes, 10, 2), nullptr);
-}
-
-TEST(QelBlockedBitTreeThresholderTest, AnEmptyStackGivesAnEmptyTree)
-{
-    TestVolume volume(16, 16, {}, false);
-    std::unique_ptr<Thresholder> thresholder = MakeThresholder(volume, 10, 2, true);
+    // Scales other than 1 and pixels other than 16 bits are refused; an empty stack gives an empty tree.
+    TestVolume small(16, 16, {0.0f, 1.0f}, false), bytes(16, 16, {0.0f, 1.0f}, false, 1), empty(16, 16, {}, false);
+    EXPECT_FALSE(small.Make(10, 2, false, 0.5f) || small.Make(10, 2, false, 2.0f) || bytes.Make(10, 2));
+    thresholder = empty.Make(10, 2, true);
     ASSERT_TRUE(thresholder);
     EXPECT_FALSE(thresholder->IsClassified());
-    std::unique_ptr<QelBlockedBitTree> tree = thresholder->Threshold(0, 10);
+    auto tree = thresholder->Threshold(0, 10);
     ASSERT_TRUE(tree);
     EXPECT_EQ(tree->GetBlockCount(), 0u);
 }
@@ -397,70 +240,82 @@ TEST(QelBlockedBitTreeThresholderTest, AnEmptyStackGivesAnEmptyTree)
 TEST(QelBlockedBitTreeThresholderTest, FollowsAStackThatGrewSinceTheLastCall)
 {
     TestVolume volume(20, 10, {0.0f, 1.0f}, false);
-    volume.Fill(300);
-    std::unique_ptr<Thresholder> thresholder = MakeThresholder(volume, 200, 2);
-    ASSERT_TRUE(thresholder);
-    ASSERT_TRUE(thresholder->Threshold(0, 1));
+    for (std::int32_t n = 0; n < 400; ++n)
+        volume.Set(n % 2, n / 2 % 20, n / 40, static_cast<std::uint16_t>(150 + n));
+    auto thresholder = volume.Make(200, 2);
+    ASSERT_TRUE(thresholder && thresholder->Threshold(0, 1));
     TestSlice later(20, 10);
-    const std::uint16_t value = 100;
-    for (std::int32_t y = 0; y < 10; ++y)
-        for (std::int32_t x = 0; x < 20; ++x)
-            std::memcpy(later.PixelAddress(x, y), &value, 2);
-    ASSERT_TRUE(volume.Stack().InsertImage(&later, 40.0f, false, false));
-    std::unique_ptr<QelBlockedBitTree> tree = thresholder->Threshold(0, 40);
+    ASSERT_TRUE(volume.stack->InsertImage(&later, 40.0f, false, false));
+    auto tree = thresholder->Threshold(0, 40);
     ASSERT_TRUE(tree);
     EXPECT_EQ(tree->Depth(), 41u);
-    ExpectMatches(*tree, volume.Reference(200, 0, 40));
+    ExpectMatches(tree.get(), volume.Reference(200, 0, 40));
 }
 
-// ---- Timing (run with --gtest_also_run_disabled_tests) ----
+class QelThresholdRowTest : public ::testing::TestWithParam<QelIsa> {};
 
-TEST(QelBlockedBitTreeThresholderTest, DISABLED_TimesA512CubedStack)
+// Every level against the rule: random rows of both signednesses, with and without
+// padding, one plane and blends, every width up to a few words and some long ones.
+// The planes hold exactly the row's samples, so that a read past the end shows
+// under the address sanitizer.
+TEST_P(QelThresholdRowTest, GivesTheRuleBitForBitOnRandomRows)
 {
-    constexpr std::int32_t kSize = 512;
-    std::vector<float> z;
-    for (int k = 0; k < kSize; ++k)
-        z.push_back(static_cast<float>(k));
-    TestVolume volume(kSize, kSize, z, false);
-    // A ball of "tissue" at 1100 in "air" at 0, with noise of +-64: about half the voxels set.
     std::mt19937 random(TestSeed());
-    for (std::int32_t k = 0; k < kSize; ++k)
-        for (std::int32_t y = 0; y < kSize; ++y)
-            for (std::int32_t x = 0; x < kSize; ++x) {
-                const double r = std::hypot(x - 256.0, y - 256.0, k - 256.0);
-                volume.Set(k, x, y, static_cast<std::uint16_t>((r < 250 ? 1100 : 0) + random() % 128));
+    const auto sample = [&random]() -> std::uint16_t {  // the range's ends show up often
+        const std::uint16_t ends[] = {0x8000, 0x7FFF, 0xFFFF, 0};
+        return random() % 2 ? std::uint16_t(random()) : ends[random() % 4];
+    };
+    for (std::int32_t width = 1; width < 1100; width += width < 130 ? 1 : 127)
+        for (int variant = 0; variant < 8; ++variant) {
+            QelThresholdRow row;
+            row.TwoPlanes = variant & 4;
+            row.HasPadding = variant & 2;
+            row.Bias = variant & 1 ? 0 : 0x8000;
+            row.Padding = sample();
+            row.Pixels = width;
+            row.Weight = std::min<std::int32_t>(std::array{0, 16383, 8192, 0}[random() % 4] +
+                                                (random() % 3 ? 0 : random() % 16384), 16383);
+            std::vector<std::uint16_t> first(width), second(width);
+            for (std::int32_t j = 0; j < width; ++j) {
+                first[j] = random() % 5 ? sample() : row.Padding;
+                second[j] = random() % 5 ? sample() : row.Padding;
             }
-    // What reading the samples alone costs, for comparison.
-    double readBest = 1e9;
-    for (int run = 0; run < 5; ++run) {
-        const auto start = std::chrono::steady_clock::now();
-        std::uint64_t sum = 0;
-        for (std::int32_t k = 0; k < kSize; ++k) {
-            const QelRasterImage* slice = volume.Stack().Image(k).Image;
-            const auto* words = reinterpret_cast<const std::uint64_t*>(slice->OriginAddress());
-            for (std::size_t i = 0; i < std::size_t{kSize} * kSize / 4; ++i)
-                sum += words[i];
+            row.First = reinterpret_cast<const std::uint8_t*>(first.data());
+            row.Second = reinterpret_cast<const std::uint8_t*>(second.data());
+            const std::int32_t threshold = variant & 1 ? std::int16_t(sample()) : std::int32_t{sample()};
+            ASSERT_TRUE(qel::threshold::BiasedThreshold(threshold, variant & 1, row.Threshold));
+            std::vector<std::uint32_t> words((width + 31) / 32 + 1, 0xA5A5A5A5u), expected(words.size(), 0);
+            expected.back() = words.back();  // nothing written past the row's words
+            for (std::int32_t j = 0; j < width; ++j)
+                expected[j / 32] |= std::uint32_t{ExpectedBit(first[j], second[j], row.TwoPlanes, row.Weight,
+                                                              variant & 1, row.HasPadding, row.Padding, threshold)}
+                                    << j % 32;
+            QelThresholdRowFor(GetParam())(row, words.data());
+            ASSERT_EQ(words, expected) << "width " << width << " variant " << variant << " weight " << row.Weight
+                                       << " threshold " << threshold << " padding " << row.Padding;
         }
-        const auto end = std::chrono::steady_clock::now();
-        readBest = std::min(readBest, std::chrono::duration<double, std::milli>(end - start).count());
-        EXPECT_NE(sum, 0u);
-    }
-    std::printf("reading 256 MiB on one thread: %.1f ms\n", readBest);
-    for (int threads : {1, 2}) {
-        for (std::int32_t threshold : {1000, 1150, 70000}) {
-            std::unique_ptr<Thresholder> thresholder = MakeThresholder(volume, threshold, threads);
-            ASSERT_TRUE(thresholder);
-            double best = 1e9;
-            for (int run = 0; run < 5; ++run) {
-                const auto start = std::chrono::steady_clock::now();
-                std::unique_ptr<QelBlockedBitTree> tree = thresholder->Threshold(0, kSize - 1);
-                const auto end = std::chrono::steady_clock::now();
-                ASSERT_TRUE(tree);
-                best = std::min(best, std::chrono::duration<double, std::milli>(end - start).count());
-            }
-            std::printf("threads %d threshold %d: %.1f ms\n", threads, threshold, best);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllIsas, QelThresholdRowTest, testing::ValuesIn(QelSupportedIsas()), IsaName);
+
+// A row packed at an offset: every bit lands at offset + its index, nothing spills
+// past the row, and bits already there stay.
+TEST(QelThresholdMerge, PlacesEveryBitAtItsOffsetWithinTheRow)
+{
+    std::mt19937 random(TestSeed());
+    for (std::int32_t rowWords = 1; rowWords <= 4; ++rowWords)
+        for (std::int32_t offset = 0; offset < 32 * rowWords; ++offset) {
+            std::vector<std::uint32_t> source(1 + random() % 4), row(rowWords);
+            for (std::uint32_t& word : source)
+                word = static_cast<std::uint32_t>(random());
+            for (std::uint32_t& word : row)
+                word = static_cast<std::uint32_t>(random()) & 0x01010101u;
+            std::vector<std::uint32_t> expected = row;
+            for (std::int32_t bit = 0; bit < 32 * std::int32_t(source.size()) && offset + bit < 32 * rowWords; ++bit)
+                expected[(offset + bit) / 32] |= (source[bit / 32] >> (bit % 32) & 1u) << ((offset + bit) % 32);
+            qel::threshold::MergeShifted(source.data(), std::int32_t(source.size()), offset, row.data(), rowWords);
+            EXPECT_EQ(row, expected) << "offset " << offset << " words " << source.size() << " into " << rowWords;
         }
-    }
 }
 
 }  // namespace

@@ -13,11 +13,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <thread>
+#include <vector>
 
-// Every test changes threads of its own only, so the test process keeps its
-// priority and affinity whatever the outcome.
-
+// Every test changes threads of its own only, so the process keeps its priority and affinity.
 namespace {
 
 using Priority = QelMaybe<QelThreadPriority::QelThreadPriorityEnum>;
@@ -25,38 +25,25 @@ using Affinity = QelMaybe<std::uint32_t>;
 
 constexpr int kBelowNormalNice = kNicePerLevel;
 
-int Nice()
-{
-    return getpriority(PRIO_PROCESS, static_cast<id_t>(gettid()));
-}
+int Nice() { return getpriority(PRIO_PROCESS, static_cast<id_t>(gettid())); }
+bool SetNice(int nice) { return setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), nice) == 0; }
 
-bool SetNice(int nice)
-{
-    return setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), nice) == 0;
-}
-
-cpu_set_t CurrentAffinity()
+// The calling thread's processors.
+std::vector<int> Processors()
 {
     cpu_set_t set;
     CPU_ZERO(&set);
     EXPECT_EQ(pthread_getaffinity_np(pthread_self(), sizeof set, &set), 0);
-    return set;
+    std::vector<int> cpus;
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu)
+        if (CPU_ISSET(cpu, &set))
+            cpus.push_back(cpu);
+    return cpus;
 }
 
-bool IsCurrentAffinity(const cpu_set_t& expected)
-{
-    const cpu_set_t current = CurrentAffinity();
-    return CPU_EQUAL(&current, &expected);
-}
+void OnOwnThread(const std::function<void()>& body) { std::thread(body).join(); }
 
-template <class Body>
-void OnOwnThread(Body body)
-{
-    std::thread(body).join();
-}
-
-// Whether a thread like the calling one (same nice value, same capabilities) may
-// lower its nice value to `nice`.
+// Whether a thread like the calling one (same nice value, same capabilities) may lower its nice value to `nice`.
 bool MayLowerNiceTo(int nice)
 {
     bool allowed = false;
@@ -75,17 +62,7 @@ bool DropSysNice()
     return syscall(SYS_capset, &header, data) == 0;
 }
 
-TEST(QelThreadScopeGuardTest, LevelsMapToNiceValuesWithinLinuxRange)
-{
-    EXPECT_EQ(QelNiceOfPriorityLevel(-15), kLowestNice);  // the host's idle level
-    EXPECT_EQ(QelNiceOfPriorityLevel(15), kHighestNice);  // its time-critical level
-    EXPECT_EQ(QelNiceOfPriorityLevel(INT32_MIN), kLowestNice);
-    EXPECT_EQ(QelPriorityLevelOfNice(3), -1);  // the nearest level
-    EXPECT_EQ(QelPriorityLevelOfNice(-2), 0);
-}
-
-// Below normal inside the scope; afterwards back where it was when the thread may
-// lower its nice value, otherwise still below normal.
+// Afterwards back where it was when the thread may lower its nice value.
 TEST(QelThreadScopeGuardTest, BelowNormalHoldsForTheScopeAndIsRestoredWhenPermitted)
 {
     if (Nice() >= kBelowNormalNice)
@@ -93,9 +70,7 @@ TEST(QelThreadScopeGuardTest, BelowNormalHoldsForTheScopeAndIsRestoredWhenPermit
     for (const bool dropSysNice : {false, true}) {
         OnOwnThread([&] {
             SCOPED_TRACE(dropSysNice ? "without CAP_SYS_NICE" : "as the process runs");
-            if (dropSysNice) {
-                ASSERT_TRUE(DropSysNice());
-            }
+            ASSERT_TRUE(!dropSysNice || DropSysNice());
             const int before = Nice();
             const bool mayRestore = MayLowerNiceTo(before);
             {
@@ -109,55 +84,36 @@ TEST(QelThreadScopeGuardTest, BelowNormalHoldsForTheScopeAndIsRestoredWhenPermit
     }
 }
 
-TEST(QelThreadScopeGuardTest, AffinityHoldsForTheScopeAndIsRestored)
+// A setting holds for the scope and is restored; an unset one is not touched.
+TEST(QelThreadScopeGuardTest, AffinityHoldsForTheScopeAndOnlyNamedSettingsChange)
 {
-    const cpu_set_t all = CurrentAffinity();
-    int cpu = 0;
-    while (cpu < 32 && !CPU_ISSET(cpu, &all))
-        ++cpu;
-    if (cpu == 32 || CPU_COUNT(&all) < 2)
+    const std::vector<int> all = Processors();
+    if (all.size() < 2 || all[0] >= 32)
         GTEST_SKIP() << "needs two processors, one of them below 32";
-
     OnOwnThread([&] {
-        cpu_set_t one;
-        CPU_ZERO(&one);
-        CPU_SET(cpu, &one);
-        {
-            const QelThreadScopeGuard guard(Priority(), Affinity(std::uint32_t{1} << cpu), 0);
-            EXPECT_TRUE(guard.AffinityApplied());
-            EXPECT_TRUE(IsCurrentAffinity(one));
-        }
-        EXPECT_TRUE(IsCurrentAffinity(all));
-
-        const QelThreadScopeGuard none(Priority(), Affinity(0u), 0);  // no processor: refused
-        EXPECT_FALSE(none.AffinityApplied());
-        EXPECT_TRUE(IsCurrentAffinity(all));
-    });
-}
-
-TEST(QelThreadScopeGuardTest, EachSettingTouchesOnlyWhatItNames)
-{
-    OnOwnThread([&] {
-        // A thread away from the defaults, so that a guard that set anything would show.
-        const int raised = std::max(Nice(), 3);
+        const int raised = std::max(Nice(), 3);  // away from the default, so that a change would show
         ASSERT_TRUE(SetNice(raised));
-        const cpu_set_t all = CurrentAffinity();
         {
-            const QelThreadScopeGuard guard(QelRenderSpec{});
-            EXPECT_FALSE(guard.PriorityApplied() || guard.AffinityApplied());
+            const QelThreadScopeGuard guard(Priority(), Affinity(std::uint32_t{1} << all[0]), 0);
+            EXPECT_TRUE(guard.AffinityApplied());
+            EXPECT_EQ(Processors(), std::vector<int>{all[0]});
             EXPECT_EQ(Nice(), raised);
         }
-        {
-            const QelThreadScopeGuard guard(Priority(QelThreadPriority::BelowNormal), Affinity(), 0);
-            EXPECT_TRUE(IsCurrentAffinity(all));
-        }
-        const QelThreadScopeGuard guard(Priority(), Affinity(1u), 0);
-        EXPECT_EQ(Nice(), raised);
+        EXPECT_EQ(Processors(), all);
+        const QelThreadScopeGuard none(Priority(), Affinity(0u), 0);  // no processor: refused
+        EXPECT_FALSE(none.AffinityApplied());
+        const QelThreadScopeGuard unset{QelRenderSpec{}};
+        EXPECT_FALSE(unset.PriorityApplied() || unset.AffinityApplied());
+        const QelThreadScopeGuard below(Priority(QelThreadPriority::BelowNormal), Affinity(), 0);
+        EXPECT_EQ(Processors(), all);
     });
 }
 
 TEST(QelThreadScopeGuardTest, CallerPriorityTravelsFromStartDrawToTheWorkers)
 {
+    EXPECT_EQ(QelNiceOfPriorityLevel(15), kHighestNice);
+    EXPECT_EQ(QelNiceOfPriorityLevel(INT32_MIN), kLowestNice);
+    EXPECT_EQ(QelPriorityLevelOfNice(3), -1);  // the nearest level
     QelRenderSpec spec;
     OnOwnThread([&] {
         ASSERT_TRUE(SetNice(std::max(Nice(), 10)));

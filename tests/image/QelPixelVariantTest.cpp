@@ -20,21 +20,14 @@ TEST(QelPixelVariantTest, FactoriesCutTheValueToTheirKindAndAnyPassesEveryReader
     EXPECT_EQ(QelPixelVariant::TwentyFourBitBGR(0x11, 0x22, 0x33).AsColor32(), 0xFF332211u);  // opaque
     EXPECT_EQ(QelPixelVariant::OfKind(Kind::Unsigned8, 0x7A).AsColor32(), 0x7A7A7A7Au);      // grey in all four bytes
 
-    const QelPixelVariant half = QelPixelVariant::kAnyHalf;
-    EXPECT_EQ(half.AsUnsigned8(), 0x80);
-    EXPECT_EQ(half.AsSigned8(), -128);
-    EXPECT_EQ(half.AsSigned16(), 0x80);
-    EXPECT_EQ(half.AsColor32(), 0x80808080u);
-    EXPECT_EQ(QelPixelVariant::kAnyZero.AsFloat(), 0.0f);
+    EXPECT_EQ(QelPixelVariant::kAnyHalf.AsSigned8(), -128);
+    EXPECT_EQ(QelPixelVariant::kAnyHalf.AsColor32(), 0x80808080u);
 }
 
 TEST(QelPixelVariantTest, ReadersReportUninitializedBeforeWrongKind)
 {
     const QelPixelVariant none, grey = QelPixelVariant::SixteenBitGrey(1);
-    const struct {
-        std::function<void()> read;
-        const char* text;
-    } cases[] = {
+    const std::pair<std::function<void()>, const char*> cases[] = {
         {[&] { (void)none.AsUnsigned8(); }, "QelPixelVariant: Not initialized"},
         {[&] { (void)none.AsColor32(); }, "QelPixelVariant: Not initialized"},
         {[&] { (void)grey.AsUnsigned8(); }, "QelPixelVariant: Runtime type error"},
@@ -44,10 +37,9 @@ TEST(QelPixelVariantTest, ReadersReportUninitializedBeforeWrongKind)
         {[&] { (void)grey.AsColor32(); }, "QelPixelVariant: Trying to use 16bit input as 32bit value"},
         {[] { (void)QelPixelVariant::SignedEightBit(1).AsColor32(); }, "QelPixelVariant: Runtime type error"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "case " << &c - cases);
-        EXPECT_EQ(AssertionText(c.read), c.text);
-    }
+    int i = 0;
+    for (const auto& [read, text] : cases)
+        EXPECT_EQ(AssertionText(read), text) << "case " << i++;
 }
 
 }  // namespace

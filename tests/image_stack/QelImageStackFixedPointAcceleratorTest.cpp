@@ -101,8 +101,6 @@ TEST(QelImageStackFixedPointAcceleratorTest, SixteenThousandSlicesStayWithinTwoT
                   "UpdateRecord (incorrect index)\n");
 }
 
-// ---- Look-ups, among slices at fixed z 0, 65536, 98304 and 131072 ----
-
 class FixedPointLookupTest : public ::testing::Test {
 protected:
     void SetUp() override

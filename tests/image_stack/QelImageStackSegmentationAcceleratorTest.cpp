@@ -24,8 +24,7 @@ using Row = std::tuple<const std::uint8_t*, const std::uint8_t*, int>;
 
 Row RowOf(const Accelerator& accelerator, std::int32_t row)
 {
-    const std::uint8_t* above = nullptr;
-    const std::uint8_t* below = nullptr;
+    const std::uint8_t *above = nullptr, *below = nullptr;
     const int fraction = accelerator.RowPlanes(row, above, below);
     return {above, below, fraction};
 }
@@ -33,13 +32,6 @@ Row RowOf(const Accelerator& accelerator, std::int32_t row)
 void Put(const TestSlice& slice, std::int32_t x, std::int32_t y, std::uint16_t value)
 {
     std::memcpy(slice.PixelAddress(x, y), &value, sizeof value);
-}
-
-std::uint16_t Get(const TestSlice& slice, std::int32_t x, std::int32_t y)
-{
-    std::uint16_t value;
-    std::memcpy(&value, slice.PixelAddress(x, y), sizeof value);
-    return value;
 }
 
 class QelImageStackSegmentationAcceleratorTest : public ::testing::Test {
@@ -65,8 +57,6 @@ protected:
     std::vector<std::unique_ptr<TestSlice>> m_slices;  // declared first: outlives the stack
     std::unique_ptr<QelImageStack> m_stack = QelImageStack::New();
 };
-
-// ---- Rows ----
 
 TEST_F(QelImageStackSegmentationAcceleratorTest, RowsBlendTheSlicesAroundThemAndRepeatTheEndSlicesBeyond)
 {
@@ -170,8 +160,6 @@ TEST_F(QelImageStackSegmentationAcceleratorTest, WithoutRowsOrWithoutTwoBytePixe
     m_stack->Reset();  // before `bytes` goes
 }
 
-// ---- Blocks ----
-
 TEST_F(QelImageStackSegmentationAcceleratorTest, PaddingOnlyBlocksKeepTheirStartAndTheLastXBlockEndsAtTheWidth)
 {
     for (const bool isSigned : {false, true}) {
@@ -181,10 +169,8 @@ TEST_F(QelImageStackSegmentationAcceleratorTest, PaddingOnlyBlocksKeepTheirStart
         // Width 33 with no spare bytes in a line: reading a whole 32 voxels in the
         // second x block would take in the next line's first voxels.
         TestSlice* slice = Slice(33, 2, 66);
-        for (std::int32_t y = 0; y < 2; ++y) {
-            for (std::int32_t x = 0; x < 32; ++x)
-                Put(*slice, x, y, static_cast<std::uint16_t>(m_stack->PaddingValue()));
-        }
+        for (std::int32_t i = 0; i < 64; ++i)
+            Put(*slice, i % 32, i / 32, static_cast<std::uint16_t>(m_stack->PaddingValue()));
         Put(*slice, 32, 0, static_cast<std::uint16_t>(isSigned ? -300 : 500));
         Put(*slice, 32, 1, 600);
         ASSERT_TRUE(m_stack->InsertImage(slice, 0.0f, false, isSigned));
@@ -215,8 +201,7 @@ TEST_F(QelImageStackSegmentationAcceleratorTest, BlockValuesMatchAPlainScanOfRan
         m_stack = QelImageStack::New();  // a reset stack keeps its padding
         const bool isSigned = pick(0, 1) == 1;
         const bool hasPadding = pick(0, 2) != 0;
-        const int width = pick(1, 70);
-        const int height = pick(1, 70);
+        const int width = pick(1, 70), height = pick(1, 70);
         const int bytesPerLine = width * 2 + 2 * pick(0, 2);
         const int paddedFrom = pick(0, 1) == 1 ? pick(0, width) : width;  // columns of padding alone
         const int padding = isSigned ? pick(-300, 300) : pick(0, 600);
@@ -241,16 +226,13 @@ TEST_F(QelImageStackSegmentationAcceleratorTest, BlockValuesMatchAPlainScanOfRan
         }
 
         const QelIntBBox3 box = m_stack->BoundingBox();
-        const int blocksX = (width + 31) / 32;
-        const int blocksY = (height + 31) / 32;
-        const int blocksZ = (box.Depth() + 31) / 32;
+        const int blocksX = (width + 31) / 32, blocksY = (height + 31) / 32, blocksZ = (box.Depth() + 31) / 32;
         std::vector<int> low(blocksX * blocksY * blocksZ, isSigned ? 32767 : 65535);
         std::vector<int> high(low.size(), isSigned ? -32768 : 0);
         std::vector<int> padded(low.size(), 0);
         const QelImageRecord* records = m_stack->Records();
         for (int row = 0; row < box.Depth(); ++row) {
-            std::int32_t lower = -1;
-            std::int32_t upper = -1;
+            std::int32_t lower = -1, upper = -1;
             const QelNeighborCodes code = m_stack->NeighborsAtZ(static_cast<float>(box.Z.Min + row), lower, upper);
             if (code != BothNeighbors)
                 lower = upper = code == LowerNeighborOnly ? lower : upper;
@@ -261,7 +243,8 @@ TEST_F(QelImageStackSegmentationAcceleratorTest, BlockValuesMatchAPlainScanOfRan
                 const auto& slice = static_cast<const TestSlice&>(*records[plane].Image);
                 for (int y = 0; y < height; ++y) {
                     for (int x = 0; x < width; ++x) {
-                        const std::uint16_t raw = Get(slice, x, y);
+                        std::uint16_t raw;
+                        std::memcpy(&raw, slice.PixelAddress(x, y), 2);
                         const int block = ((row / 32) * blocksY + y / 32) * blocksX + x / 32;
                         if (hasPadding && raw == static_cast<std::uint16_t>(padding)) {
                             padded[block] = 1;
@@ -288,8 +271,6 @@ TEST_F(QelImageStackSegmentationAcceleratorTest, BlockValuesMatchAPlainScanOfRan
         }
     }
 }
-
-// ---- Threads ----
 
 // Render threads find the tables stale or missing at once: one builds, the others
 // wait and then read the same complete table. Meant to run under ThreadSanitizer.

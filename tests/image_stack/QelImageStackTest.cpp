@@ -56,8 +56,6 @@ protected:
     std::unique_ptr<QelImageStack> m_stack = QelImageStack::New();
 };
 
-// ---- Order and look-up ----
-
 TEST_F(QelImageStackTest, NeighboursAreTheLastSliceAtOrBelowAndTheNextOne)
 {
     std::int32_t lower = 7, upper = 7, hint = 1;
@@ -122,8 +120,6 @@ TEST_F(QelImageStackTest, RefusedSlicesChangeNothing)
     EXPECT_EQ(m_stack->ImageCount(), 16384);
 }
 
-// ---- Bounds ----
-
 TEST_F(QelImageStackTest, BoundsFollowTheFirstAndLastZTruncatedTowardZero)
 {
     Fill({-0.5f, 2.7f, 1.0f});
@@ -155,8 +151,6 @@ TEST_F(QelImageStackTest, BoundsFollowTheFirstAndLastZTruncatedTowardZero)
     // The next first slice may be of any kind.
     EXPECT_TRUE(m_stack->InsertImage(Slice(2, 2, 1), 0.0f, false, true));
 }
-
-// ---- Ownership and memory ----
 
 TEST_F(QelImageStackTest, OwnedSlicesAreDeletedWhenTheyLeaveAndOthersAreNot)
 {
@@ -210,8 +204,6 @@ TEST_F(QelImageStackTest, ARecordArrayThatCannotGrowLeavesAnEmptyStack)
     EXPECT_TRUE(stack->InsertImage(Slice(8, 8), 5.0f, false, false));
 }
 
-// ---- Change tracking and the fixed-point accelerator ----
-
 TEST_F(QelImageStackTest, TheAcceleratorIsSharedAndEveryChangeRaisesTheSerialNumberAndRebuildsIt)
 {
     // Stacks start 65536 serial numbers apart.
@@ -253,8 +245,6 @@ TEST_F(QelImageStackTest, TheAcceleratorIsSharedAndEveryChangeRaisesTheSerialNum
     EXPECT_EQ(m_stack->SerialNumber(), serial + 1);
     EXPECT_EQ(m_stack->FixedPointAccelerator(), nullptr);
 }
-
-// ---- Verify ----
 
 TEST_F(QelImageStackTest, VerifyNamesTheFirstSliceThatDoesNotFit)
 {

@@ -29,8 +29,7 @@ struct StackShape {
     std::vector<float> zs;
     bool isSigned = false;
     std::optional<std::int32_t> padding;
-    // Extra pixels at the end of each line of slice k, so that slices differ in pitch.
-    std::vector<std::int32_t> extraColumns;
+    std::vector<std::int32_t> extraColumns;  // per slice, so that slices differ in pitch
 };
 
 template <typename T>
@@ -47,16 +46,14 @@ void WritePixel(QelRasterImage& image, std::int32_t x, std::int32_t y, T value)
     std::memcpy(image.PixelAddress(x, y), &value, sizeof value);
 }
 
-/// The stack of `shape`, owning its slices, with the 16-bit pattern `voxel` gives
-/// (for signed stacks too).
+/// The stack of `shape`, owning its slices, with the 16-bit pattern `voxel` gives.
 inline std::unique_ptr<QelImageStack> MakeStack(const StackShape& shape, const VoxelFunction& voxel)
 {
     std::unique_ptr<QelImageStack> stack = QelImageStack::New();
     for (std::size_t k = 0; k < shape.zs.size(); ++k) {
         std::unique_ptr<QelMemoryRasterImage> image = QelMemoryRasterImage::New(nullptr);
         const std::int32_t extra = k < shape.extraColumns.size() ? shape.extraColumns[k] : 0;
-        const QelIntRange columns(0, shape.width - 1);
-        const QelIntRange rows(0, shape.height - 1);
+        const QelIntRange columns(0, shape.width - 1), rows(0, shape.height - 1);
         EXPECT_TRUE(image->Resize(2, columns, rows, columns, rows, QelIntRange(0, shape.width - 1 + extra), rows));
         for (std::int32_t y = 0; y < shape.height; ++y)
             for (std::int32_t x = 0; x < shape.width; ++x)
@@ -68,28 +65,20 @@ inline std::unique_ptr<QelImageStack> MakeStack(const StackShape& shape, const V
     return stack;
 }
 
-/// Unsigned slices of `width` x `height`, all of one pitch.
 inline std::unique_ptr<QelImageStack> MakeStack(std::int32_t width, std::int32_t height, const std::vector<float>& zs,
-                                                const VoxelFunction& voxel,
-                                                std::optional<std::int32_t> padding = std::nullopt)
+                                                const VoxelFunction& voxel)
 {
-    return MakeStack({width, height, zs, false, padding, {}}, voxel);
+    return MakeStack({width, height, zs, false, std::nullopt, {}}, voxel);
 }
 
-/// An image over `columns` x `rows` of `bytesPerPixel`, every pixel `fill`.
+/// An image over `columns` x `rows`, every pixel `fill`; 0xBEEF shows what a draw left alone.
 inline std::unique_ptr<QelMemoryRasterImage> MakeImage(std::int32_t bytesPerPixel, const QelIntRange& columns,
-                                                       const QelIntRange& rows, std::uint32_t fill = 0)
+                                                       const QelIntRange& rows, std::uint32_t fill = 0xBEEF)
 {
     std::unique_ptr<QelMemoryRasterImage> image = QelMemoryRasterImage::New(nullptr);
     EXPECT_TRUE(image->Resize(bytesPerPixel, columns, rows));
     image->Clear(true, fill);
     return image;
-}
-
-/// A 16-bit canvas, every pixel 0xBEEF: what a draw leaves alone shows.
-inline std::unique_ptr<QelMemoryRasterImage> MakeCanvas(const QelIntRange& columns, const QelIntRange& rows)
-{
-    return MakeImage(2, columns, rows, 0xBEEF);
 }
 
 /// All bytes of the image's pixels, row after row.
@@ -129,13 +118,12 @@ inline QelMatrix34 ViewThrough(const QelVector3& centre, float cx, float cy, con
     return canvasToVolume.Inverse();
 }
 
-/// Canvas pixel (x, y) on voxel (x, y) of the plane z = `z`: the axial view.
+/// Canvas pixel (x, y) on voxel (x, y) of the plane z = `z`.
 inline QelMatrix34 AxialView(float z)
 {
     return ViewThrough({0.0f, 0.0f, z}, 0.0f, 0.0f, {1.0f, 0.0f, 0.0f}, {0.0f, 1.0f, 0.0f}, {0.0f, 0.0f, 1.0f});
 }
 
-/// The draws of the random comparisons.
 class Dice {
 public:
     explicit Dice(unsigned seed) : m_rng(seed) {}
@@ -165,7 +153,6 @@ private:
     std::mt19937 m_rng;
 };
 
-/// A record for a slab render into `canvas`.
 inline void FillSpec(QelRenderSpec& spec, QelRasterImage* canvas, const QelMatrix34& view,
                      QelSlabMode::QelSlabModeEnum mode, std::int32_t samples, float spacing, std::uint16_t undefined)
 {
@@ -179,7 +166,6 @@ inline void FillSpec(QelRenderSpec& spec, QelRasterImage* canvas, const QelMatri
 }
 
 /// Drives `renderer` as the public layer does: StartDraw, then Step until done.
-/// False when a call failed.
 inline bool RenderInSteps(QelImageStackSteppableRenderer& renderer, QelImageStack* stack, QelRenderSpec* spec)
 {
     bool running = renderer.StartDraw(stack, spec);

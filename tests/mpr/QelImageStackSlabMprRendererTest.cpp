@@ -10,33 +10,13 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
-#include <random>
-#include <sstream>
 #include <string>
 
 namespace {
 
 constexpr std::uint16_t kUndefined = 0xABCD;
-
-// Mismatches between a render and the reference: how many and the first.
-::testing::AssertionResult SameCanvas(const char*, const char*, const char*, const std::vector<std::uint16_t>& actual,
-                                      const std::vector<std::uint16_t>& expected, std::int32_t width)
-{
-    if (actual.size() != expected.size())
-        return ::testing::AssertionFailure() << actual.size() << " pixels instead of " << expected.size();
-    std::size_t differing = 0, first = 0;
-    for (std::size_t i = 0; i < actual.size(); ++i)
-        if (actual[i] != expected[i] && differing++ == 0)
-            first = i;
-    if (differing == 0)
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << differing << " of " << actual.size() << " pixels differ; first at ("
-                                         << first % width << ", " << first / width << "): " << actual[first]
-                                         << " instead of " << expected[first];
-}
 
 std::vector<std::uint16_t> Reference(const QelImageStack& stack, const QelRenderSpec& spec)
 {
@@ -46,126 +26,102 @@ std::vector<std::uint16_t> Reference(const QelImageStack& stack, const QelRender
         .Render(canvas.XRange(), canvas.YRange());
 }
 
-// ---------------------------------------------------------------------------------
-// Random volumes, views and slabs against the reference.
-
 struct RandomCase {
     std::unique_ptr<QelImageStack> stack;
     std::unique_ptr<QelMemoryRasterImage> canvas;
     QelRenderSpec spec;
-    std::string description;
 };
 
-class RandomCases {
-public:
-    explicit RandomCases(unsigned seed) : m_dice(seed) {}
-
-    void Make(RandomCase& c)
-    {
-        Dice& d = m_dice;
-        std::ostringstream text;
-        const std::int32_t width = d.Int(2, 40), height = d.Int(2, 40);
-        const std::int32_t slices = d.Chance(0.15) ? d.Int(2, 4) : d.Int(2, 70);
-        const bool isSigned = d.Chance(0.5), even = d.Chance(0.5);
-        std::vector<float> zs{d.Real(-5.0f, 5.0f)};
-        const float evenGap = d.Chance(0.5) ? 1.0f : d.Real(0.3f, 3.0f);
-        for (std::int32_t k = 1; k < slices; ++k)
-            zs.push_back(zs.back() + (even ? evenGap : d.Real(0.2f, 3.0f)));
-        std::optional<std::int32_t> padding;
-        if (d.Chance(0.5))
-            // The smooth data cross -1500 or 2000 often, so that interpolated values
-            // equal the padding value without a padded corner now and then.
-            padding = isSigned ? d.Pick<std::int32_t>({-32768, -1024, 0, 32767, -1500})
-                               : d.Pick<std::int32_t>({0, 65535, 4000, 2000});
-        text << width << "x" << height << "x" << slices << (isSigned ? " signed" : " unsigned")
-             << (even ? " even" : " uneven") << (padding ? " padding " + std::to_string(*padding) : "");
-
-        std::vector<std::uint16_t> voxels(static_cast<std::size_t>(width) * height * slices);
-        const float base = isSigned ? -1500.0f : 2000.0f;
-        for (std::size_t i = 0; i < voxels.size(); ++i) {
-            const auto x = static_cast<std::int32_t>(i % width);
-            const auto y = static_cast<std::int32_t>(i / width % height);
-            const auto k = static_cast<std::int32_t>(i / width / height);
-            const float smooth =
-                base + 900.0f * std::sin(0.4f * x + 0.1f * k) + 700.0f * std::cos(0.3f * y) + 40.0f * k;
-            auto value = static_cast<std::int32_t>(smooth) + d.Int(-200, 200);
-            const double roll = d.Real(0.0f, 1.0f);
-            if (roll < 0.05)
-                value = d.Pick<std::int32_t>({0, 0xFFFF, 0x8000, 0x7FFF, 1});
-            else if (roll < 0.08)
-                value = d.Int(0, 0xFFFF);
-            else if (roll < 0.11 && padding)
-                value = *padding;
-            voxels[i] = static_cast<std::uint16_t>(value);
-        }
-        c.stack = MakeStack({width, height, zs, isSigned, padding, {}}, [&](std::int32_t x, std::int32_t y, std::int32_t k) {
-            return voxels[(static_cast<std::size_t>(k) * height + y) * width + x];
-        });
-
-        const std::int32_t canvasWidth = d.Int(1, 75), canvasHeight = d.Int(1, 70);
-        const std::int32_t left = d.Chance(0.2) ? d.Int(-20, 20) : 0;
-        const std::int32_t top = d.Chance(0.2) ? d.Int(-20, 20) : 0;
-        c.canvas = MakeCanvas({left, left + canvasWidth - 1}, {top, top + canvasHeight - 1});
-        text << "; canvas " << canvasWidth << "x" << canvasHeight << " at (" << left << ", " << top << ")";
-
-        // Mostly views that cross the volume with a margin around it, sometimes views
-        // that graze or miss it.
-        const float reach = d.Chance(0.9) ? 0.3f : 0.7f;
-        QelVector3 centre{d.Real(0.5f - reach, 0.5f + reach) * width, d.Real(0.5f - reach, 0.5f + reach) * height,
-                          0.5f * (zs.front() + zs.back()) + d.Real(-reach, reach) * (zs.back() - zs.front())};
-        const float meanGap = (zs.back() - zs.front()) / static_cast<float>(slices - 1);
-        // A pixel size at which the canvas spans about the volume.
-        const float fit =
-            static_cast<float>(std::max(width, height)) / static_cast<float>(std::max(canvasWidth, canvasHeight));
-        auto pixelSize = [&] { return d.Chance(0.15) ? d.Real(0.3f, 1.6f) : fit * d.Real(0.5f, 1.2f); };
-        QelVector3 across, down, normal{0.0f, 0.0f, 1.0f};
-        switch (d.Int(0, 3)) {
-        case 0:
-            d.Oblique(pixelSize(), across, down, normal);
-            text << "; oblique";
-            break;
-        case 1: {  // in the plane of the slices, turned
-            const float angle = d.Real(0.0f, 6.2831853f);
-            const float s = d.Chance(0.3) ? 1.0f : pixelSize();
-            across = QelVector3{std::cos(angle), std::sin(angle), 0.0f} * s;
-            down = QelVector3{-std::sin(angle), std::cos(angle), 0.0f} * s;
-            text << "; in-slice " << angle;
-            break;
-        }
-        case 2: {  // along the axes: axial, coronal or sagittal, flipped or not
-            const float s = d.Pick<float>({0.5f, 1.0f, 1.25f, pixelSize()});
-            const float flip = d.Chance(0.5) ? -1.0f : 1.0f;
-            const std::int32_t axis = d.Int(0, 2);
-            across = axis == 2 ? QelVector3{0.0f, s * flip, 0.0f} : QelVector3{s * flip, 0.0f, 0.0f};
-            down = axis == 0 ? QelVector3{0.0f, s, 0.0f} : QelVector3{0.0f, 0.0f, meanGap * s};
-            normal = axis == 0 ? normal : axis == 1 ? QelVector3{0.0f, 1.0f, 0.0f} : QelVector3{1.0f, 0.0f, 0.0f};
-            text << "; " << (axis == 0 ? "axial" : axis == 1 ? "coronal" : "sagittal");
-            break;
-        }
-        default: {  // axial on whole voxels, on a slice or between two
-            across = {1.0f, 0.0f, 0.0f};
-            down = {0.0f, 1.0f, 0.0f};
-            const auto k = static_cast<std::size_t>(d.Int(0, slices - 1));
-            centre = {std::floor(centre.X()), std::floor(centre.Y()),
-                      d.Chance(0.6) ? zs[k] : 0.5f * (zs[k] + zs[std::min(k + 1, zs.size() - 1)])};
-            text << "; axial on voxels at z " << centre.Z();
-            break;
-        }
-        }
-        const QelMatrix34 view = ViewThrough(centre, std::floor(left + 0.5f * canvasWidth),
-                                             std::floor(top + 0.5f * canvasHeight), across, down, normal);
-
-        const std::int32_t samples = d.Chance(0.2) ? 1 : d.Chance(0.1) ? 18 : d.Int(1, 40);
-        const float spacing = d.Chance(0.1) ? 0.0f : d.Chance(0.2) ? 1.0f : d.Real(0.1f, 2.5f);
-        const auto mode = static_cast<QelSlabMode::QelSlabModeEnum>(d.Chance(0.05) ? 7 : d.Int(0, 2));
-        FillSpec(c.spec, c.canvas.get(), view, mode, samples, spacing, static_cast<std::uint16_t>(d.Int(0, 0xFFFF)));
-        text << "; mode " << mode << ", " << samples << " samples " << spacing << " apart";
-        c.description = text.str();
+// Random volumes, views and slabs.
+void MakeCase(Dice& d, RandomCase& c)
+{
+    const std::int32_t width = d.Int(2, 40), height = d.Int(2, 40);
+    const std::int32_t slices = d.Chance(0.15) ? d.Int(2, 4) : d.Int(2, 70);
+    const bool isSigned = d.Chance(0.5), even = d.Chance(0.5);
+    std::vector<float> zs{d.Real(-5.0f, 5.0f)};
+    const float evenGap = d.Chance(0.5) ? 1.0f : d.Real(0.3f, 3.0f);
+    for (std::int32_t k = 1; k < slices; ++k)
+        zs.push_back(zs.back() + (even ? evenGap : d.Real(0.2f, 3.0f)));
+    std::optional<std::int32_t> padding;
+    if (d.Chance(0.5))
+        // The smooth data cross -1500 or 2000 often, so that interpolated values
+        // equal the padding value without a padded corner now and then.
+        padding = isSigned ? d.Pick<std::int32_t>({-32768, -1024, 0, 32767, -1500})
+                           : d.Pick<std::int32_t>({0, 65535, 4000, 2000});
+    std::vector<std::uint16_t> voxels(static_cast<std::size_t>(width) * height * slices);
+    const float base = isSigned ? -1500.0f : 2000.0f;
+    for (std::size_t i = 0; i < voxels.size(); ++i) {
+        const auto x = static_cast<std::int32_t>(i % width);
+        const auto y = static_cast<std::int32_t>(i / width % height);
+        const auto k = static_cast<std::int32_t>(i / width / height);
+        const float smooth =
+            base + 900.0f * std::sin(0.4f * x + 0.1f * k) + 700.0f * std::cos(0.3f * y) + 40.0f * k;
+        auto value = static_cast<std::int32_t>(smooth) + d.Int(-200, 200);
+        const double roll = d.Real(0.0f, 1.0f);
+        if (roll < 0.05)
+            value = d.Pick<std::int32_t>({0, 0xFFFF, 0x8000, 0x7FFF, 1});
+        else if (roll < 0.08)
+            value = d.Int(0, 0xFFFF);
+        else if (roll < 0.11 && padding)
+            value = *padding;
+        voxels[i] = static_cast<std::uint16_t>(value);
     }
+    c.stack = MakeStack({width, height, zs, isSigned, padding, {}},
+                        [&](auto x, auto y, auto k) { return voxels[(std::size_t(k) * height + y) * width + x]; });
 
-private:
-    Dice m_dice;
-};
+    const std::int32_t canvasWidth = d.Int(1, 75), canvasHeight = d.Int(1, 70);
+    const std::int32_t left = d.Chance(0.2) ? d.Int(-20, 20) : 0;
+    const std::int32_t top = d.Chance(0.2) ? d.Int(-20, 20) : 0;
+    c.canvas = MakeImage(2, {left, left + canvasWidth - 1}, {top, top + canvasHeight - 1});
+
+    // Mostly views that cross the volume with a margin around it, sometimes views
+    // that graze or miss it.
+    const float reach = d.Chance(0.9) ? 0.3f : 0.7f;
+    QelVector3 centre{d.Real(0.5f - reach, 0.5f + reach) * width, d.Real(0.5f - reach, 0.5f + reach) * height,
+                      0.5f * (zs.front() + zs.back()) + d.Real(-reach, reach) * (zs.back() - zs.front())};
+    const float meanGap = (zs.back() - zs.front()) / static_cast<float>(slices - 1);
+    // A pixel size at which the canvas spans about the volume.
+    const float fit =
+        static_cast<float>(std::max(width, height)) / static_cast<float>(std::max(canvasWidth, canvasHeight));
+    auto pixelSize = [&] { return d.Chance(0.15) ? d.Real(0.3f, 1.6f) : fit * d.Real(0.5f, 1.2f); };
+    QelVector3 across, down, normal{0.0f, 0.0f, 1.0f};
+    switch (d.Int(0, 3)) {
+    case 0:
+        d.Oblique(pixelSize(), across, down, normal);
+        break;
+    case 1: {  // in the plane of the slices, turned
+        const float angle = d.Real(0.0f, 6.2831853f);
+        const float s = d.Chance(0.3) ? 1.0f : pixelSize();
+        across = QelVector3{std::cos(angle), std::sin(angle), 0.0f} * s;
+        down = QelVector3{-std::sin(angle), std::cos(angle), 0.0f} * s;
+        break;
+    }
+    case 2: {  // along the axes: axial, coronal or sagittal, flipped or not
+        const float s = d.Pick<float>({0.5f, 1.0f, 1.25f, pixelSize()});
+        const float flip = d.Chance(0.5) ? -1.0f : 1.0f;
+        const std::int32_t axis = d.Int(0, 2);
+        across = axis == 2 ? QelVector3{0.0f, s * flip, 0.0f} : QelVector3{s * flip, 0.0f, 0.0f};
+        down = axis == 0 ? QelVector3{0.0f, s, 0.0f} : QelVector3{0.0f, 0.0f, meanGap * s};
+        normal = axis == 0 ? normal : axis == 1 ? QelVector3{0.0f, 1.0f, 0.0f} : QelVector3{1.0f, 0.0f, 0.0f};
+        break;
+    }
+    default: {  // axial on whole voxels, on a slice or between two
+        across = {1.0f, 0.0f, 0.0f};
+        down = {0.0f, 1.0f, 0.0f};
+        const auto k = static_cast<std::size_t>(d.Int(0, slices - 1));
+        centre = {std::floor(centre.X()), std::floor(centre.Y()),
+                  d.Chance(0.6) ? zs[k] : 0.5f * (zs[k] + zs[std::min(k + 1, zs.size() - 1)])};
+        break;
+    }
+    }
+    const QelMatrix34 view = ViewThrough(centre, std::floor(left + 0.5f * canvasWidth),
+                                         std::floor(top + 0.5f * canvasHeight), across, down, normal);
+
+    const std::int32_t samples = d.Chance(0.2) ? 1 : d.Chance(0.1) ? 18 : d.Int(1, 40);
+    const float spacing = d.Chance(0.1) ? 0.0f : d.Chance(0.2) ? 1.0f : d.Real(0.1f, 2.5f);
+    const auto mode = static_cast<QelSlabMode::QelSlabModeEnum>(d.Chance(0.05) ? 7 : d.Int(0, 2));
+    FillSpec(c.spec, c.canvas.get(), view, mode, samples, spacing, static_cast<std::uint16_t>(d.Int(0, 0xFFFF)));
+}
 
 unsigned TestSeed()
 {
@@ -173,59 +129,47 @@ unsigned TestSeed()
     return text ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : 20240611u;
 }
 
-// Each case draws on 1, 2 or 3 threads, under one of the instruction-set levels,
-// in steps or in one Draw; every combination must give the reference's bits.
+// Each case draws on 1, 2 or 3 threads, under one of the instruction-set levels, in
+// steps or in one Draw, with one renderer per thread count reused across volumes.
 TEST(QelImageStackSlabMprRendererTest, RandomSlabsMatchThePlainReformatBitForBit)
 {
     const unsigned seed = TestSeed();
     SCOPED_TRACE("seed " + std::to_string(seed) + " (set AX_TEST_SEED to repeat another)");
-    RandomCases cases(seed);
+    Dice dice(seed);
     const std::vector<QelIsa> isas = QelSupportedIsas();
-    // One renderer per thread count: drawing many different volumes with one renderer
-    // is part of what is checked.
     std::unique_ptr<QelImageStackSlabMprRenderer> renderers[4];
-    constexpr int kCases = 200;
-    for (int i = 0; i < kCases; ++i) {
+    for (int i = 0; i < 200; ++i) {
         RandomCase c;
-        cases.Make(c);
+        MakeCase(dice, c);
         const int threads = 1 + i % 3;
         const QelIsa isa = isas[static_cast<std::size_t>(i / 3) % isas.size()];
-        const bool inSteps = i % 2 == 0;
-        SCOPED_TRACE("case " + std::to_string(i) + ": " + c.description + "; " + std::to_string(threads) +
-                     " threads, " + QelIsaName(isa) + (inSteps ? ", in steps" : ", in one Draw"));
-
+        SCOPED_TRACE("case " + std::to_string(i) + ", " + std::to_string(threads) + " threads, " + QelIsaName(isa));
         const std::vector<std::uint16_t> expected = Reference(*c.stack, c.spec);
         if (!renderers[threads])
             renderers[threads] = QelImageStackSlabMprRenderer::New(nullptr, threads);
         QelImageStackSlabMprRenderer& renderer = *renderers[threads];
         {
             const QelIsaLimit limit(isa);
-            if (inSteps)
-                ASSERT_TRUE(RenderInSteps(renderer, c.stack.get(), &c.spec));
-            else
-                ASSERT_TRUE(renderer.Draw(c.stack.get(), &c.spec));
+            ASSERT_TRUE(i % 2 == 0 ? RenderInSteps(renderer, c.stack.get(), &c.spec)
+                                   : renderer.Draw(c.stack.get(), &c.spec));
         }
         EXPECT_EQ(renderer.State(), QelSlabMprState::Finished);
-        ASSERT_PRED_FORMAT3(SameCanvas, Pixels(*c.canvas), expected, c.canvas->Width());
+        ASSERT_EQ(Pixels(*c.canvas), expected);
     }
 }
-
-// ---------------------------------------------------------------------------------
-// Edge cases.
 
 // A sample on a slice reads that slice alone, the last slice included; the last
 // column and row are never sampled, as the interpolation needs the voxel beyond.
 TEST(QelImageStackSlabMprRendererTest, ASampleOnASliceReadsThatSliceAloneAndTheLastColumnIsNeverSampled)
 {
-    // Voxel 1000 (k + 1) + x + 10 y, but slice 1 is all padding: read at z 0 or 2, it
-    // would drop the sample.
-    auto stack = MakeStack(
-        6, 6, {0.0f, 1.0f, 2.0f, 3.0f},
-        [](auto x, auto y, auto k) { return static_cast<std::uint16_t>(k == 1 ? 7 : 1000 * (k + 1) + x + 10 * y); }, 7);
+    // Slice 1 is all padding: read at z 0 or 2, it would drop the sample.
+    auto stack = MakeStack({6, 6, {0.0f, 1.0f, 2.0f, 3.0f}, false, 7, {}}, [](auto x, auto y, auto k) {
+        return static_cast<std::uint16_t>(k == 1 ? 7 : 1000 * (k + 1) + x + 10 * y);
+    });
     auto renderer = QelImageStackSlabMprRenderer::New(nullptr, 2);
     for (const auto& [z, base] : {std::pair{2.0f, 3000}, {3.0f, 4000}, {0.0f, 1000}, {1.0f, -1}}) {
         SCOPED_TRACE(z);
-        auto canvas = MakeCanvas({0, 5}, {0, 5});
+        auto canvas = MakeImage(2, {0, 5}, {0, 5});
         QelRenderSpec spec;
         FillSpec(spec, canvas.get(), AxialView(z), QelSlabMode::MIP, 1, 1.0f, kUndefined);
         ASSERT_TRUE(RenderInSteps(*renderer, stack.get(), &spec));
@@ -238,22 +182,15 @@ TEST(QelImageStackSlabMprRendererTest, ASampleOnASliceReadsThatSliceAloneAndTheL
 
 TEST(QelImageStackSlabMprRendererTest, ChunksShareAShortRemainderEvenly)
 {
-    struct Case {
-        std::int32_t first, last, chunk, end;
-    };
-    const Case cases[] = {
-        {0, 17, 16, 8},  // 18 samples: 0..8 and 9..17, not 0..15 and 16..17
-        {9, 17, 16, 17},
-        {0, 23, 16, 15},  // 8 left: half a chunk is no tiny chunk
-        {0, 40, 32, 20},  // 9 left of a 32 chunk
-    };
-    for (const Case& c : cases)
-        EXPECT_EQ(QelSlabChunkEnd(c.first, c.last, c.chunk), c.end) << c.first << ".." << c.last << " by " << c.chunk;
+    // first, last, chunk, end: 18 samples go 0..8 and 9..17, not 0..15 and 16..17.
+    const std::int32_t cases[][4] = {{0, 17, 16, 8}, {9, 17, 16, 17}, {0, 23, 16, 15}, {0, 40, 32, 20}};
+    for (const auto& c : cases)
+        EXPECT_EQ(QelSlabChunkEnd(c[0], c[1], c[2]), c[3]) << c[0] << ".." << c[1] << " by " << c[2];
 }
 
 TEST(QelImageStackSlabMprRendererTest, PlanesThatMissTheVolumeAreUndefined)
 {
-    auto stack = MakeStack(8, 8, {0.0f, 1.0f, 2.0f}, [](auto x, auto, auto) { return static_cast<std::uint16_t>(x); });
+    auto stack = MakeStack(8, 8, {0.0f, 1.0f, 2.0f}, [](auto x, auto, auto) { return std::uint16_t(x); });
     auto renderer = QelImageStackSlabMprRenderer::New(nullptr, 2);
     const QelMatrix34 views[] = {
         AxialView(40.0f),
@@ -262,7 +199,7 @@ TEST(QelImageStackSlabMprRendererTest, PlanesThatMissTheVolumeAreUndefined)
         ViewThrough({1.0e6f, -1.0e6f, 1.0f}, 0.0f, 0.0f, {1.0f, 0.0f, 0.0f}, {0.0f, 1.0f, 0.0f}, {0.0f, 0.0f, 1.0f}),
     };
     for (const QelMatrix34& view : views) {
-        auto canvas = MakeCanvas({0, 40}, {0, 20});
+        auto canvas = MakeImage(2, {0, 40}, {0, 20});
         QelRenderSpec spec;
         FillSpec(spec, canvas.get(), view, QelSlabMode::AVIP, 5, 1.0f, kUndefined);
         ASSERT_TRUE(RenderInSteps(*renderer, stack.get(), &spec));
@@ -270,25 +207,18 @@ TEST(QelImageStackSlabMprRendererTest, PlanesThatMissTheVolumeAreUndefined)
     }
 }
 
-// ---------------------------------------------------------------------------------
-// The draw's states, stepping and aborting.
-
 class SlabDrawTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        m_stack = MakeStack(20, 20, {0.0f, 1.0f, 2.5f},
-                            [](auto x, auto y, auto k) { return static_cast<std::uint16_t>(300 * k + 7 * x + y); });
-    }
     void Prepare(const QelIntRange& columns, const QelIntRange& rows)
     {
-        m_canvas = MakeCanvas(columns, rows);
+        m_canvas = MakeImage(2, columns, rows);
         const QelMatrix34 view = ViewThrough({10.0f, 10.0f, 1.2f}, 0.0f, 150.0f, {0.05f, 0.02f, 0.01f},
                                              {0.01f, 0.06f, 0.004f}, {0.1f, -0.2f, 1.0f});
         FillSpec(m_spec, m_canvas.get(), view, QelSlabMode::MIP, 3, 0.5f, kUndefined);
     }
 
-    std::unique_ptr<QelImageStack> m_stack;
+    std::unique_ptr<QelImageStack> m_stack =
+        MakeStack(20, 20, {0.0f, 1.0f, 2.5f}, [](auto x, auto y, auto k) { return std::uint16_t(300 * k + 7 * x + y); });
     std::unique_ptr<QelMemoryRasterImage> m_canvas;
     QelRenderSpec m_spec;
 };
@@ -307,11 +237,9 @@ TEST_F(SlabDrawTest, AnAbortBetweenStepsLeavesTheBandsNotStartedUntouched)
     EXPECT_DOUBLE_EQ(renderer->GetProgress()->Fraction(), 16.0 / 19.0);
     renderer->Abort();
     EXPECT_EQ(renderer->State(), QelSlabMprState::Idle);
-
-    const std::vector<std::uint16_t> pixels = Pixels(*m_canvas);
-    const std::size_t drawn = 256 * 40;
-    EXPECT_TRUE(std::equal(pixels.begin(), pixels.begin() + drawn, expected.begin()));
-    EXPECT_TRUE(std::all_of(pixels.begin() + drawn, pixels.end(), [](std::uint16_t p) { return p == 0xBEEF; }));
+    std::vector<std::uint16_t> partial(expected.begin(), expected.begin() + 256 * 40);
+    partial.resize(expected.size(), 0xBEEF);
+    EXPECT_EQ(Pixels(*m_canvas), partial);
 
     // The renderer starts afresh after the abort; the bands done, one more step ends the draw.
     ASSERT_TRUE(renderer->StartDraw(m_stack.get(), &m_spec));
@@ -320,7 +248,7 @@ TEST_F(SlabDrawTest, AnAbortBetweenStepsLeavesTheBandsNotStartedUntouched)
     ASSERT_TRUE(renderer->Step());
     EXPECT_EQ(renderer->State(), QelSlabMprState::Finished);
     EXPECT_TRUE(renderer->IsDone());
-    EXPECT_PRED_FORMAT3(SameCanvas, Pixels(*m_canvas), expected, 40);
+    EXPECT_EQ(Pixels(*m_canvas), expected);
 }
 
 TEST_F(SlabDrawTest, OneImageIsNoPictureAndACanvasOfNoPixelsFinishesAtOnce)
@@ -332,8 +260,7 @@ TEST_F(SlabDrawTest, OneImageIsNoPictureAndACanvasOfNoPixelsFinishesAtOnce)
     EXPECT_EQ(renderer->State(), QelSlabMprState::NoPicture);
     EXPECT_TRUE(renderer->IsDone());
     EXPECT_EQ(Pixels(*m_canvas), std::vector<std::uint16_t>(11 * 21, kUndefined));
-    // Draw answers whether there is a picture.
-    EXPECT_FALSE(renderer->Draw(single.get(), &m_spec));
+    EXPECT_FALSE(renderer->Draw(single.get(), &m_spec));  // Draw answers whether there is a picture
     EXPECT_FALSE(renderer->StartDraw(nullptr, &m_spec));
 
     auto empty = QelMemoryRasterImage::New(nullptr);
@@ -365,20 +292,17 @@ TEST_F(SlabDrawTest, WhatTheRendererDoesNotDrawIsABugReport)
     Prepare({0, 10}, {0, 20});
     auto renderer = QelImageStackSlabMprRenderer::New(nullptr, 1);
     auto reportOf = [&](QelRenderSpec& spec) {
-        return CatchReport<QelThrowBugHandler::QelBacktraceException>(
-                   [&] { (void)renderer->StartDraw(m_stack.get(), &spec); })
-            .text;
+        const auto start = [&] { (void)renderer->StartDraw(m_stack.get(), &spec); };
+        return CatchReport<QelThrowBugHandler::QelBacktraceException>(start).text;
     };
     m_spec.SetSupersamplingFactorXY(2);
     EXPECT_EQ(reportOf(m_spec), "XY supersampling in this renderer not supported");
     m_spec.SetSupersamplingFactorXY(1);
-
     auto bytes = MakeImage(1, {0, 3}, {0, 3});
     m_spec.SetCanvas(bytes.get());
     EXPECT_EQ(reportOf(m_spec), "QelImageStackSlabMprRendererImp::StartDraw()\nCanvas of 1 bytes per pixel not "
                                 "supported: only 2 bytes per pixel\n");
     m_spec.SetCanvas(m_canvas.get());
-
     QelRenderSpec unset;
     unset.SetCanvas(m_canvas.get());
     unset.SetUndefinedPixelVal(QelPixelVariant::SixteenBitGrey(kUndefined));
@@ -403,7 +327,7 @@ TEST(QelImageStackSlabMprRendererTest, AWorkerFaultFailsTheStepWithTheStacksVerd
     gone->SetBuffer(16, 16, 2, 32, const_cast<std::uint8_t*>(reinterpret_cast<volatile std::uint8_t*>(ForbiddenPage())),
                     false);
     ASSERT_TRUE(stack->InsertImage(gone.release(), 1.0f, true, false));
-    auto canvas = MakeCanvas({0, 15}, {0, 15});
+    auto canvas = MakeImage(2, {0, 15}, {0, 15});
     QelRenderSpec spec;
     FillSpec(spec, canvas.get(), AxialView(0.5f), QelSlabMode::AVIP, 1, 1.0f, kUndefined);
     auto renderer = QelImageStackSlabMprRenderer::New(nullptr, 2);

@@ -18,9 +18,8 @@ constexpr std::int32_t kOutside = std::numeric_limits<std::int32_t>::max();
 std::unique_ptr<QelImageStack> RampStack(std::optional<std::int32_t> padding = std::nullopt)
 {
     static const float zs[] = {0.0f, 1.0f, 3.0f};
-    return MakeStack(
-        8, 8, {zs[0], zs[1], zs[2]},
-        [](auto x, auto y, auto k) { return static_cast<std::uint16_t>(2 * x + 3 * y + 10 * zs[k]); }, padding);
+    return MakeStack({8, 8, {zs[0], zs[1], zs[2]}, false, padding, {}},
+                     [](auto x, auto y, auto k) { return static_cast<std::uint16_t>(2 * x + 3 * y + 10 * zs[k]); });
 }
 
 TEST(QelTrilinearSamplerTest, ReproducesALinearRampAndGivesTheOutsideOrPaddingValueWhereItCannot)
@@ -28,11 +27,7 @@ TEST(QelTrilinearSamplerTest, ReproducesALinearRampAndGivesTheOutsideOrPaddingVa
     auto stack = RampStack();
     auto sampler = QelTrilinearSampler::New(*stack, kOutside, 0.001f);
     ASSERT_TRUE(sampler);
-    struct Case {
-        QelVector3 at;
-        std::int32_t value;
-    };
-    const Case cases[] = {
+    const std::pair<QelVector3, std::int32_t> cases[] = {
         {{1.5f, 2.25f, 2.0f}, 30},  // 3 + 6.75 + 20 = 29.75, rounded
         {{1.5f, 2.0f, 0.5f}, 14},   // across the narrow gap
         {{6.75f, 6.5f, 2.9f}, 62},  // 13.5 + 19.5 + 29
@@ -43,8 +38,8 @@ TEST(QelTrilinearSamplerTest, ReproducesALinearRampAndGivesTheOutsideOrPaddingVa
         {{1.0f, 1.0f, -0.1f}, kOutside},
         {{-0.1f, 1.0f, 1.0f}, kOutside},
     };
-    for (const Case& c : cases)
-        EXPECT_EQ(sampler->Sample(c.at), c.value) << ::testing::PrintToString(c.at);
+    for (const auto& [at, value] : cases)
+        EXPECT_EQ(sampler->Sample(at), value) << ::testing::PrintToString(at);
 
     // Voxel (2, 2) of slice 1 is 2 * 2 + 3 * 2 + 10 = 20: make that the padding.
     auto padded = RampStack(20);
@@ -62,7 +57,7 @@ TEST(QelMprSlabHitTesterTest, MipFindsTheHighestSampleOfTheSlabAndMinipTheLowest
 {
     auto stack = RampStack();
     auto renderer = QelImageStackSlabMprRenderer::New(nullptr, 1);
-    auto canvas = MakeCanvas({0, 7}, {0, 7});
+    auto canvas = MakeImage(2, {0, 7}, {0, 7});
     QelRenderSpec spec;
     // A slab of 7 samples 0.5 apart through z 1.5: z 0 to 3, the last one outside.
     FillSpec(spec, canvas.get(), AxialView(1.5f), QelSlabMode::MIP, 7, 0.5f, 0);
@@ -94,9 +89,8 @@ TEST(QelMprSlabHitTesterTest, GetFracTakesTheFirstOfEqualValuesSkipsPaddingAndWa
     EXPECT_EQ(value, 1);
 
     // Slice 2 padded: the highest sample of a ramp would lie there.
-    auto padded = MakeStack(
-        4, 4, {0.0f, 1.0f, 2.0f}, [](auto, auto, auto k) { return static_cast<std::uint16_t>(k == 2 ? 999 : 10 * k); },
-        999);
+    auto padded = MakeStack({4, 4, {0.0f, 1.0f, 2.0f}, false, 999, {}},
+                            [](auto, auto, auto k) { return static_cast<std::uint16_t>(k == 2 ? 999 : 10 * k); });
     EXPECT_FLOAT_EQ(QelMprSlabHitTester::GetFrac(*padded, {1.0f, 1.0f, 0.0f}, {1.0f, 1.0f, 1.5f}, 4, value, false),
                     1.0f / 3.0f);
     EXPECT_EQ(value, 5);

@@ -37,9 +37,8 @@ public:
         inverse.TransformVector({0.0f, 0.0f, 1.0f}, z);
         const float length = std::sqrt(z.X() * z.X() + z.Y() * z.Y() + z.Z() * z.Z());
         const QelVector3 slab{z.X() / length * spacing, z.Y() / length * spacing, z.Z() / length * spacing};
-        const float lastSample = static_cast<float>(samples - 1);
         for (int axis = 0; axis < 3; ++axis)
-            m_start[axis] = origin[axis] - slab[axis] * lastSample * 0.5f;
+            m_start[axis] = origin[axis] - slab[axis] * static_cast<float>(samples - 1) * 0.5f;
         m_xStep = Fix(m_x);
         m_rowStep = Fix(m_y);
         m_slabStep = Fix(slab);
@@ -59,25 +58,20 @@ public:
     /// The canvas over `columns` x `rows`, row after row.
     [[nodiscard]] std::vector<std::uint16_t> Render(const QelIntRange& columns, const QelIntRange& rows) const
     {
-        std::vector<std::uint16_t> canvas(static_cast<std::size_t>(columns.Length()) *
-                                          static_cast<std::size_t>(rows.Length()));
+        const auto width = static_cast<std::size_t>(columns.Length());
+        std::vector<std::uint16_t> canvas(width * static_cast<std::size_t>(rows.Length()));
         if (canvas.empty())
             return canvas;
-        const std::int32_t firstBand = FloorDiv(rows.Min, kBandHeight);
-        const std::int32_t lastBand = FloorDiv(rows.Max, kBandHeight);
-        for (std::int32_t band = firstBand; band <= lastBand; ++band) {
+        for (std::int32_t band = FloorDiv(rows.Min, kBandHeight); band <= FloorDiv(rows.Max, kBandHeight); ++band) {
             const std::int32_t y0 = std::max(rows.Min, band * kBandHeight);
             const std::int32_t y1 = std::min(band * kBandHeight + kBandHeight - 1, rows.Max);
             for (std::int32_t tile = columns.Min; tile <= columns.Max; tile += m_tileWidth) {
                 const Fixed corner = PixelPosition(tile, y0);
                 const std::int32_t tileEnd = std::min(tile + m_tileWidth - 1, columns.Max);
-                for (std::int32_t y = y0; y <= y1; ++y) {
-                    for (std::int32_t x = tile; x <= tileEnd; ++x) {
-                        const Fixed first = corner + m_rowStep * (y - y0) + m_xStep * (x - tile);
-                        canvas[static_cast<std::size_t>(y - rows.Min) * static_cast<std::size_t>(columns.Length()) +
-                               static_cast<std::size_t>(x - columns.Min)] = Pixel(first);
-                    }
-                }
+                for (std::int32_t y = y0; y <= y1; ++y)
+                    for (std::int32_t x = tile; x <= tileEnd; ++x)
+                        canvas[std::size_t(y - rows.Min) * width + std::size_t(x - columns.Min)] =
+                            Pixel(corner + m_rowStep * (y - y0) + m_xStep * (x - tile));
             }
         }
         return canvas;
@@ -141,23 +135,26 @@ public:
         return true;
     }
 
+    /// Whether a highest or lowest sample `u` (a pixel value) takes the place of `held`:
+    /// when it is better, or whatever it is when `held` is the padding value.
+    [[nodiscard]] bool Replaces(std::uint16_t u, std::uint16_t held) const
+    {
+        const auto key = [&](std::uint16_t v) { return m_stack.IsSigned() ? std::int16_t(v) : std::int32_t{v}; };
+        return (m_mode == 0 ? key(u) > key(held) : key(u) < key(held)) ||
+               (m_stack.HasPadding() && held == static_cast<std::uint16_t>(m_stack.PaddingValue()));
+    }
+
 private:
+    // Registers wrap; unsigned arithmetic does the same without undefined behaviour.
     struct Fixed {
         std::int32_t X, Y, Z;
-        // Registers wrap; unsigned arithmetic does the same without undefined behaviour.
-        friend Fixed operator+(const Fixed& a, const Fixed& b)
+        static std::int32_t Wrap(std::int32_t a, std::int32_t b, std::int32_t n)
         {
-            return {Add(a.X, b.X), Add(a.Y, b.Y), Add(a.Z, b.Z)};
+            return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) +
+                                             static_cast<std::uint32_t>(b) * static_cast<std::uint32_t>(n));
         }
-        friend Fixed operator*(const Fixed& a, std::int32_t n) { return {Mul(a.X, n), Mul(a.Y, n), Mul(a.Z, n)}; }
-        static std::int32_t Add(std::int32_t a, std::int32_t b)
-        {
-            return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) + static_cast<std::uint32_t>(b));
-        }
-        static std::int32_t Mul(std::int32_t a, std::int32_t n)
-        {
-            return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) * static_cast<std::uint32_t>(n));
-        }
+        friend Fixed operator+(Fixed a, Fixed b) { return {Wrap(a.X, b.X, 1), Wrap(a.Y, b.Y, 1), Wrap(a.Z, b.Z, 1)}; }
+        friend Fixed operator*(Fixed a, std::int32_t n) { return {Wrap(0, a.X, n), Wrap(0, a.Y, n), Wrap(0, a.Z, n)}; }
     };
 
     static std::int32_t FloorDiv(std::int32_t a, std::int32_t b)
@@ -186,17 +183,14 @@ private:
     {
         const QelFixedPointSliceRecord& record = m_accelerator.Record(slice);
         std::uint16_t value;
-        std::memcpy(&value, record.Origin + std::ptrdiff_t{y} * record.BytesPerLine + std::ptrdiff_t{x} * 2,
-                    sizeof value);
+        std::memcpy(&value, record.Origin + std::ptrdiff_t{y} * record.BytesPerLine + std::ptrdiff_t{x} * 2, 2);
         return value;
     }
 
     std::uint16_t Pixel(const Fixed& first) const
     {
-        const bool isSigned = m_stack.IsSigned();
-        const std::uint16_t bias = isSigned ? 0x8000 : 0;
-        std::uint32_t sum = 0;
-        std::uint32_t count = 0;
+        const std::uint16_t bias = m_stack.IsSigned() ? 0x8000 : 0;
+        std::uint32_t sum = 0, count = 0;
         std::uint16_t held = 0;
         for (std::int32_t s = 0; s < m_samples; ++s) {
             std::uint32_t value;
@@ -209,12 +203,7 @@ private:
                 continue;
             }
             const auto u = static_cast<std::uint16_t>(value - bias);
-            const auto su = static_cast<std::int16_t>(u);
-            const auto sheld = static_cast<std::int16_t>(held);
-            const bool better = isSigned ? (m_mode == 0 ? su > sheld : su < sheld) : (m_mode == 0 ? u > held : u < held);
-            const bool heldIsPadding =
-                m_stack.HasPadding() && held == static_cast<std::uint16_t>(m_stack.PaddingValue());
-            if (count == 0 || better || heldIsPadding)
+            if (count == 0 || Replaces(u, held))
                 held = u;
             count = 1;
         }
@@ -231,12 +220,8 @@ private:
     std::int32_t m_samples;
     std::uint16_t m_undefined;
     std::int32_t m_tileWidth;
-    float m_scale = 0.0f;
-    float m_offset = 0.0f;
-    QelVector3 m_x{};
-    QelVector3 m_y{};
+    float m_scale = 0.0f, m_offset = 0.0f;
+    QelVector3 m_x{}, m_y{};
     float m_start[3] = {};
-    Fixed m_xStep{};
-    Fixed m_rowStep{};
-    Fixed m_slabStep{};
+    Fixed m_xStep{}, m_rowStep{}, m_slabStep{};
 };

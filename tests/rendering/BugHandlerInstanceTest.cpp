@@ -7,12 +7,14 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
+#include <functional>
 
 namespace {
 
 using Ax::Rendering::BugHandlerInstance;
 using Ax::Rendering::RenderingException;
+
+std::string Thrown(const std::function<void()>& call) { return MessageOf<RenderingException>(call); }
 
 TEST(BugHandlerInstanceTest, AMessageEndsInARenderingExceptionWithItsText)
 {
@@ -20,32 +22,23 @@ TEST(BugHandlerInstanceTest, AMessageEndsInARenderingExceptionWithItsText)
     handler.Arm();
     handler.Assert("src/x.cpp", 5);
     EXPECT_EQ(handler.Printf("Given: %d.\n", 3), 11);  // ten characters and the terminator
-    EXPECT_TRUE(handler.MessageOpen());
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Flush(); }), "src/x.cpp: 5: Assertation failed.\nGiven: 3.\n");
-    EXPECT_FALSE(handler.MessageOpen());
-
+    EXPECT_EQ(Thrown([&] { handler.Flush(); }), "src/x.cpp: 5: Assertation failed.\nGiven: 3.\n");
     // Each message starts afresh.
     handler.Error("e.cpp", 1);
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Flush(); }), "e.cpp: 1: Runtime error.\n");
+    EXPECT_EQ(Thrown([&] { handler.Flush(); }), "e.cpp: 1: Runtime error.\n");
     handler.Trace("t.cpp", 2);
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Flush(); }), "t.cpp: 2: Trace information.\n");
-}
+    EXPECT_EQ(Thrown([&] { handler.Flush(); }), "t.cpp: 2: Trace information.\n");
 
-TEST(BugHandlerInstanceTest, MisuseRaisesTheUnexpectedCallTexts)
-{
-    BugHandlerInstance handler;
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Trace("f", 1); }), "Unexpected call to Trace");
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Assert("f", 1); }), "Unexpected call to Assert");
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Error("f", 1); }), "Unexpected call to Error");
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Printf("x"); }), "Unexpected call to Printf");
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Flush(); }), "Unexpected call to Flush");
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Disarm(); }), "Unexpected call to Disarm");
-    handler.Arm();
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Arm(); }), "Unexpected call to Arm");
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Printf("x"); }), "Unexpected call to Printf");
-    handler.Trace("f", 1);
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Disarm(); }), "Unexpected call to Disarm");
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Trace("f", 1); }), "Unexpected call to Trace");
+    // Calls out of turn: before arming, arming twice, printing before a heading,
+    // disarming or starting another message while one is open.
+    BugHandlerInstance unarmed;
+    for (const auto& [call, name] : std::initializer_list<std::pair<std::function<void()>, const char*>>{
+             {[&] { unarmed.Trace("f", 1); }, "Trace"}, {[&] { unarmed.Assert("f", 1); }, "Assert"},
+             {[&] { unarmed.Error("f", 1); }, "Error"}, {[&] { unarmed.Printf("x"); }, "Printf"},
+             {[&] { unarmed.Flush(); }, "Flush"}, {[&] { unarmed.Disarm(); }, "Disarm"},
+             {[&] { unarmed.Arm(), unarmed.Arm(); }, "Arm"}, {[&] { unarmed.Printf("x"); }, "Printf"},
+             {[&] { unarmed.Trace("f", 1), unarmed.Disarm(); }, "Disarm"}, {[&] { unarmed.Trace("f", 1); }, "Trace"}})
+        EXPECT_EQ(Thrown(call), std::string("Unexpected call to ") + name);
 }
 
 TEST(BugHandlerInstanceTest, TheBufferHoldsExactly4096BytesWithTheTerminator)
@@ -53,33 +46,20 @@ TEST(BugHandlerInstanceTest, TheBufferHoldsExactly4096BytesWithTheTerminator)
     BugHandlerInstance handler;
     handler.Arm();
     handler.Trace("f", 1);
-    const std::int32_t heading = handler.Length();
-    const std::string fill(static_cast<std::size_t>(BugHandlerInstance::kBufferSize - heading - 1), 'x');
+    const std::string fill(static_cast<std::size_t>(BugHandlerInstance::kBufferSize - handler.Length() - 1), 'x');
     EXPECT_EQ(handler.Printf("%s", fill.c_str()), static_cast<int>(fill.size()) + 1);
-    EXPECT_EQ(handler.Length(), BugHandlerInstance::kBufferSize - 1);
     EXPECT_EQ(handler.Printf("%s", ""), 1);
-
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Printf("y"); }), "Insufficient space in the message buffer!");
-    EXPECT_EQ(handler.Length(), BugHandlerInstance::kBufferSize - 1);
+    EXPECT_EQ(Thrown([&] { handler.Printf("y"); }), "Insufficient space in the message buffer!");
     // The overflow left the message open: the next one can't start.
-    EXPECT_TRUE(handler.MessageOpen());
-    EXPECT_EQ(MessageOf<RenderingException>([&] { handler.Assert("f", 2); }), "Unexpected call to Assert");
-    const std::string text = MessageOf<RenderingException>([&] { handler.Flush(); });
-    EXPECT_EQ(text.size(), static_cast<std::size_t>(BugHandlerInstance::kBufferSize - 1));
-}
-
-TEST(BugHandlerInstanceTest, ExitEndsTheProcessWithStatusOne)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    BugHandlerInstance handler;
-    EXPECT_EXIT(handler.Exit(), ::testing::ExitedWithCode(1), "");
+    EXPECT_EQ(Thrown([&] { handler.Assert("f", 2); }), "Unexpected call to Assert");
+    EXPECT_EQ(Thrown([&] { handler.Flush(); }).size(), static_cast<std::size_t>(BugHandlerInstance::kBufferSize - 1));
 }
 
 TEST(BugHandlerInstanceTest, NativeReportsReachTheHostAsRenderingExceptions)
 {
     Ax::Rendering::Initializer::Initialize();
     const int line = __LINE__ + 1;
-    const std::string text = MessageOf<RenderingException>([] { QEL_ASSERT(false, "QelSize2::QelSize2: Negative size"); });
+    const std::string text = Thrown([] { QEL_ASSERT(false, "QelSize2::QelSize2: Negative size"); });
     EXPECT_EQ(text, "tests/rendering/BugHandlerInstanceTest.cpp: " + std::to_string(line) +
                         ": Assertation failed.\nQelSize2::QelSize2: Negative size");
     // A finished report leaves the handler ready for the next.

@@ -11,24 +11,18 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstring>
 #include <limits>
-#include <memory>
-#include <utility>
 
 namespace {
 
 using Ax::Primitives::GrayscalePixelFormat;
 using Ax::Primitives::Size;
-using Ax::Rendering::IAborter;
 using Ax::Rendering::InterpolationMode;
 using Ax::Rendering::MemoryRasterImage;
 using Ax::Rendering::MprRenderer;
 using Ax::Rendering::ProjectionMode;
-using Ax::Rendering::RenderingException;
 using Ax::Rendering::StatusCode;
-using Ax::System::ArgumentException;
 
 constexpr std::uint16_t kUnused = 0xFACE;
 
@@ -45,11 +39,10 @@ protected:
         for (int k = 0; k < 4; ++k) {
             auto image = std::make_shared<MemoryRasterImage>();
             image->Resize(GrayscalePixelFormat::Gray16(), Size(12, 12));
-            for (std::int32_t y = 0; y < 12; ++y)
-                for (std::int32_t x = 0; x < 12; ++x) {
-                    const auto value = static_cast<std::uint16_t>(1000 * k + 10 * y + x);
-                    std::memcpy(image->GetPixelAddress(x, y), &value, sizeof value);
-                }
+            for (std::int32_t i = 0; i < 144; ++i) {
+                const auto value = static_cast<std::uint16_t>(1000 * k + 10 * (i / 12) + i % 12);
+                std::memcpy(image->GetPixelAddress(i % 12, i / 12), &value, sizeof value);
+            }
             ASSERT_TRUE(m_stack.InsertImage(image, k));
         }
         m_canvas.Resize(GrayscalePixelFormat::Gray16(), Size(12, 12));
@@ -58,7 +51,7 @@ protected:
 
     // The plane z = `z` seen straight on: canvas pixel (x, y) is voxel (x, y).
     StatusCode Render(double z, ProjectionMode mode = ProjectionMode::Maximum, std::int32_t count = 1,
-                      float spacing = 1.0f, IAborter* aborter = nullptr)
+                      float spacing = 1.0f, Ax::Rendering::IAborter* aborter = nullptr)
     {
         Ax::Primitives::Matrix44 volumeToView;
         volumeToView(2, 3) = -z;
@@ -77,23 +70,28 @@ protected:
     MprRenderer m_renderer{InterpolationMode::TriLinear};
 };
 
-TEST_F(MprRendererTest, BadArgumentsAreRefusedWithTheirTexts)
+TEST_F(MprRendererTest, BadArgumentsAreRefusedWithTheirTextsAndAnAbortDrawsNothing)
 {
-    // Named modes print their names, others their numbers.
+    using Ax::System::ArgumentException;
     EXPECT_EQ(MessageOf<ArgumentException>([] { MprRenderer renderer(InterpolationMode::BiCubic); }),
               "Unsupported interpolation mode: BiCubic");
     EXPECT_EQ(MessageOf<ArgumentException>([] { MprRenderer renderer(static_cast<InterpolationMode>(9)); }),
               "Unsupported interpolation mode: 9");
-
-    // A spacing that is not a number is refused too.
     for (const auto& [count, spacing] : {std::pair(1, -1.0f), std::pair(0, 1.0f),
                                          std::pair(2, std::numeric_limits<float>::quiet_NaN())}) {
-        EXPECT_EQ(MessageOf<RenderingException>([&] { Render(1.0, ProjectionMode::Minimum, count, spacing); }),
+        EXPECT_EQ(MessageOf<Ax::Rendering::RenderingException>(
+                      [&] { Render(1.0, ProjectionMode::Minimum, count, spacing); }),
                   "Internal rendering failed : Slab slicing/spacing invalid")
             << count << " slices " << spacing << " apart";
     }
     EXPECT_THROW(Render(1.0, static_cast<ProjectionMode>(5)), Ax::System::ArgumentOutOfRangeException);
+    Ax::Rendering::Aborter aborter;
+    aborter.Abort();
+    EXPECT_EQ(Render(0.0, ProjectionMode::Maximum, 1, 1.0f, &aborter), StatusCode::Aborted);
     EXPECT_EQ(Pixel(2, 3), 0xBEEF);
+    // The renderer is ready for the next render.
+    EXPECT_EQ(Render(0.0), StatusCode::Finished);
+    EXPECT_EQ(Pixel(3, 2), 23);
 }
 
 TEST_F(MprRendererTest, APlaneOnASliceShowsThatSliceAndASlabItsNeighbours)
@@ -101,7 +99,6 @@ TEST_F(MprRendererTest, APlaneOnASliceShowsThatSliceAndASlabItsNeighbours)
     ASSERT_EQ(Render(2.0), StatusCode::Finished);
     EXPECT_EQ(Pixel(10, 7), 2070 + 10);
     EXPECT_EQ(Pixel(11, 7), kUnused);  // the last column has no right neighbour
-
     const struct {
         ProjectionMode mode;
         std::int32_t count;
@@ -112,20 +109,9 @@ TEST_F(MprRendererTest, APlaneOnASliceShowsThatSliceAndASlabItsNeighbours)
                  {ProjectionMode::Minimum, 3, 0.5f, 1043},
                  {ProjectionMode::Maximum, 2, 0.0f, 1543}};  // no spacing: every sample on the plane
     for (const auto& slab : slabs) {
-        SCOPED_TRACE(::testing::Message() << ToString(slab.mode) << " of " << slab.count);
         ASSERT_EQ(Render(1.5, slab.mode, slab.count, slab.spacing), StatusCode::Finished);
-        EXPECT_EQ(Pixel(3, 4), slab.pixel);
+        EXPECT_EQ(Pixel(3, 4), slab.pixel) << ToString(slab.mode) << " of " << slab.count;
     }
-}
-
-TEST_F(MprRendererTest, AnAbortLeavesTheCanvasAndTheRendererReadyForTheNextRender)
-{
-    Ax::Rendering::Aborter aborter;
-    aborter.Abort();
-    EXPECT_EQ(Render(0.0, ProjectionMode::Maximum, 1, 1.0f, &aborter), StatusCode::Aborted);
-    EXPECT_EQ(Pixel(3, 2), 0xBEEF);
-    EXPECT_EQ(Render(0.0), StatusCode::Finished);
-    EXPECT_EQ(Pixel(3, 2), 23);
 }
 
 }  // namespace

@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-// Makes workers that log every (index, thread) they process and count their
-// setups and finishes, and counts the workers made and alive.
+// Workers that log every (index, thread) they process and count their setups and
+// finishes; the factory counts the workers made and alive.
 class LoggingFactory final : public QelMTIntLoopWkrFactory {
 public:
     struct Wkr final : QelMTIntLoopWkr {

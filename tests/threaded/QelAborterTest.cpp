@@ -48,9 +48,8 @@ TEST(QelAborterTest, AbortAndTheClockRaiseTheFlagAndOnlyANewLimitRestartsTheCloc
 
 TEST(QelAborterTest, ALimitOfZeroFiresOnlyOnceTheTickHasMoved)
 {
-    // The test is "more than the limit has passed", so within the tick the limit
-    // was set in, a zero limit hasn't fired. Look for a run where the tick stood
-    // still from before the construction to after the poll.
+    // Within the tick it was set in, a zero limit hasn't fired: look for a run where
+    // the tick stood still from before the construction to after the poll.
     bool sawStillTick = false;
     for (int attempt = 0; attempt < 100 && !sawStillTick; ++attempt) {
         const std::uint32_t before = QelGetTickCount();
@@ -70,9 +69,7 @@ TEST(QelAborterTest, ALimitOfZeroFiresOnlyOnceTheTickHasMoved)
 // limit has passed already rather than wrapping round to a long one.
 TEST(QelAborterTest, LimitsAtEitherEndOfTheCountableSpan)
 {
-    QelAborter endless(4294967.0, false);
-    EXPECT_EQ(endless.TimeLeft(), kNoLimit);
-    EXPECT_FALSE(endless.HasAborted());
+    EXPECT_EQ(QelAborter(4294967.0, false).TimeLeft(), kNoLimit);
 
     QelAborter longest(4294966.0, false);
     EXPECT_NEAR(longest.TimeLeft(), 4294966.0, 0.1);
@@ -109,6 +106,16 @@ TEST(QelAborterTest, PollingWorkersWaitAtThePauseGateAndAllSeeAnAbort)
     aborter.Abort();
     workers.clear();
     EXPECT_GT(polls, 0);
+}
+
+TEST(QelTickCountTest, TickBeforeOrdersTicksTheShortWayRoundTheWrap)
+{
+    EXPECT_TRUE(QelTickBefore(0xFFFFFFF0u, 0x00000010u));
+    EXPECT_FALSE(QelTickBefore(0x00000010u, 0xFFFFFFF0u));
+    EXPECT_FALSE(QelTickBefore(0xFFFFFFFFu, 0xFFFFFFFFu));
+    // The longest span still orders; farther apart, the order flips.
+    EXPECT_TRUE(QelTickBefore(0u, kQelLongestTickSpanMs));
+    EXPECT_FALSE(QelTickBefore(0u, kQelLongestTickSpanMs + 2u));
 }
 
 }  // namespace

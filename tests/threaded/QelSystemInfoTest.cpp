@@ -79,12 +79,10 @@ TEST_F(FakeCpuTree, TheLastLevelIsTheHighestDataOrUnifiedCache)
     EXPECT_EQ(QelLastLevelCacheKB(m_root), 0);
     const char* caches[][3] = {{"1", "Data", "48K"}, {"3", "Unified", "30M"}, {"2", "Unified", "2048K"},
                                {"4", "Instruction", "64M"}};
-    for (int index = 0; index < 4; ++index) {
-        const std::string folder = "cpu0/cache/index" + std::to_string(index) + "/";
-        Write(folder + "level", caches[index][0]);
-        Write(folder + "type", caches[index][1]);
-        Write(folder + "size", caches[index][2]);
-    }
+    const char* files[] = {"level", "type", "size"};
+    for (int index = 0; index < 4; ++index)
+        for (int file = 0; file < 3; ++file)
+            Write("cpu0/cache/index" + std::to_string(index) + "/" + files[file], caches[index][file]);
     EXPECT_EQ(QelLastLevelCacheKB(m_root), 30 * 1024);
 }
 
