@@ -53,17 +53,14 @@ public:
     /// hold a fresh table: 0 <= row < the box's depth.
     std::uint16_t RowAt(std::int32_t row, const std::uint8_t*& above, const std::uint8_t*& below) const noexcept
     {
-        const qel_seg_data& record = m_rowData.load(std::memory_order_relaxed)[row];
+        const qel_seg_data& record = m_rows.Data()[row];
         above = record.Above;
         below = record.Below;
         return record.Fraction;
     }
-    [[nodiscard]] bool HasRowTable() const noexcept { return m_rowData.load(std::memory_order_acquire) != nullptr; }
+    [[nodiscard]] bool HasRowTable() const noexcept { return m_rows.Count() != 0; }
     /// Records of the row table as built; 0 without one.
-    [[nodiscard]] std::int32_t RowCount() const noexcept
-    {
-        return HasRowTable() ? m_rowCount.load(std::memory_order_relaxed) : 0;
-    }
+    [[nodiscard]] std::int32_t RowCount() const noexcept { return m_rows.Count(); }
 
     /// The slice nearest to `row` (clamped as in RowPlanes), built on demand like the
     /// row table; null for a stack without rows.
@@ -99,6 +96,40 @@ public:
     void Rebuild(std::int32_t serial) noexcept;
 
 private:
+    // One table of T per integer z row, published by the stack's serial number it was
+    // built for, stored last with release ordering: a reader that sees the present
+    // serial sees the whole table. Written only under the row lock; a stale table is
+    // overwritten only when nobody may read it, since no reader passes the serial test
+    // for it.
+    template <class T>
+    class RowTable {
+    public:
+        // The table when built for `serial` with `depth` rows, else null; no lock.
+        [[nodiscard]] const T* Fresh(std::int32_t serial, std::int32_t depth) const noexcept
+        {
+            if (m_serial.load(std::memory_order_acquire) != serial)
+                return nullptr;
+            const T* rows = m_data.load(std::memory_order_relaxed);
+            return rows && m_count.load(std::memory_order_relaxed) == depth ? rows : nullptr;
+        }
+        // `depth` rows, cleared, handed to fill(rows) and published for `serial`; null
+        // when memory runs out.
+        template <class Fill>
+        const T* Publish(std::int32_t serial, std::int32_t depth, Fill fill);
+        [[nodiscard]] const T* Data() const noexcept { return m_data.load(std::memory_order_relaxed); }
+        [[nodiscard]] std::int32_t Count() const noexcept
+        {
+            return m_data.load(std::memory_order_acquire) ? m_count.load(std::memory_order_relaxed) : 0;
+        }
+        void Drop() noexcept;
+
+    private:
+        std::unique_ptr<QelArray<T>> m_table;
+        std::atomic<const T*> m_data{nullptr};
+        std::atomic<std::int32_t> m_count{0};
+        std::atomic<std::int32_t> m_serial{0};
+    };
+
     explicit QelImageStackSegmentationAccelerator(const QelImageStack& stack) noexcept;
 
     [[nodiscard]] static std::int32_t BlockCount(std::int32_t voxels) noexcept
@@ -128,18 +159,8 @@ private:
     mutable std::unique_ptr<QelArray<std::uint16_t>> m_blockValues;
     mutable std::unique_ptr<QelArray<std::uint8_t>> m_blockPadding;
     mutable std::int32_t m_blockSerial = 0;
-    // Written only under the row lock. Each table is published by its serial, stored
-    // last with release ordering: a reader that sees the present serial sees the whole
-    // table. A stale table is overwritten only when nobody may read it, since no reader
-    // passes the serial test for it.
-    mutable std::unique_ptr<QelArray<const std::uint8_t*>> m_nearestTable;
-    mutable std::unique_ptr<QelArray<qel_seg_data>> m_rowTable;
-    mutable std::atomic<const std::uint8_t* const*> m_nearestData{nullptr};
-    mutable std::atomic<const qel_seg_data*> m_rowData{nullptr};
-    mutable std::atomic<std::int32_t> m_nearestCount{0};
-    mutable std::atomic<std::int32_t> m_rowCount{0};
-    mutable std::atomic<std::int32_t> m_nearestSerial{0};
-    mutable std::atomic<std::int32_t> m_rowSerial{0};
+    mutable RowTable<qel_seg_data> m_rows;
+    mutable RowTable<const std::uint8_t*> m_nearest;
     mutable QelCriticalSection m_rowLock;
     mutable QelCriticalSection m_blockLock;
     const QelImageStack* m_stack;

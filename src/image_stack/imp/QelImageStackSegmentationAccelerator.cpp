@@ -178,13 +178,38 @@ void QelImageStackSegmentationAccelerator::WalkRows(std::int32_t depth, Visit vi
     }
 }
 
+template <class T>
+template <class Fill>
+const T* QelImageStackSegmentationAccelerator::RowTable<T>::Publish(std::int32_t serial, std::int32_t depth, Fill fill)
+{
+    if (!m_table || m_table->Length() != depth) {
+        std::unique_ptr<QelArray<T>> table = QelArray<T>::New(depth, T{}, nullptr);
+        if (!table)
+            return nullptr;
+        m_data.store(nullptr, std::memory_order_relaxed);
+        m_table = std::move(table);
+    } else {
+        std::fill_n(m_table->Data(), depth, T{});
+    }
+    T* rows = m_table->Data();
+    fill(rows);
+    m_data.store(rows, std::memory_order_relaxed);
+    m_count.store(depth, std::memory_order_relaxed);
+    m_serial.store(serial, std::memory_order_release);
+    return rows;
+}
+
+template <class T>
+void QelImageStackSegmentationAccelerator::RowTable<T>::Drop() noexcept
+{
+    m_data.store(nullptr, std::memory_order_relaxed);
+    m_count.store(0, std::memory_order_relaxed);
+    m_table.reset();
+}
+
 const qel_seg_data* QelImageStackSegmentationAccelerator::FreshRows() const noexcept
 {
-    // The serial first: its acquire makes the table it was published with visible.
-    if (m_rowSerial.load(std::memory_order_acquire) != m_stack->SerialNumber())
-        return nullptr;
-    const qel_seg_data* rows = m_rowData.load(std::memory_order_relaxed);
-    return rows && m_rowCount.load(std::memory_order_relaxed) == m_depth ? rows : nullptr;
+    return m_rows.Fresh(m_stack->SerialNumber(), m_depth);
 }
 
 const qel_seg_data* QelImageStackSegmentationAccelerator::BuildRows() const
@@ -192,24 +217,11 @@ const qel_seg_data* QelImageStackSegmentationAccelerator::BuildRows() const
     QelAutoLockCriticalSection lock(m_rowLock);
     if (const qel_seg_data* rows = FreshRows())
         return rows;
-    const std::int32_t serial = m_stack->SerialNumber();
     const std::int32_t depth = m_depth;
-    if (!m_rowTable || m_rowTable->Length() != depth) {
-        std::unique_ptr<QelArray<qel_seg_data>> table = QelArray<qel_seg_data>::New(depth, qel_seg_data{}, nullptr);
-        if (!table)
-            return nullptr;
-        m_rowData.store(nullptr, std::memory_order_relaxed);
-        m_rowTable = std::move(table);
-    } else {
-        std::fill_n(m_rowTable->Data(), depth, qel_seg_data{});
-    }
-    qel_seg_data* rows = m_rowTable->Data();
-    WalkRows(depth, [rows](std::int32_t row, const std::uint8_t* above, const std::uint8_t* below,
-                           std::uint16_t fraction) { rows[row] = {above, below, fraction}; });
-    m_rowData.store(rows, std::memory_order_relaxed);
-    m_rowCount.store(depth, std::memory_order_relaxed);
-    m_rowSerial.store(serial, std::memory_order_release);
-    return rows;
+    return m_rows.Publish(m_stack->SerialNumber(), depth, [this, depth](qel_seg_data* rows) {
+        WalkRows(depth, [rows](std::int32_t row, const std::uint8_t* above, const std::uint8_t* below,
+                               std::uint16_t fraction) { rows[row] = {above, below, fraction}; });
+    });
 }
 
 std::uint16_t QelImageStackSegmentationAccelerator::RowPlanes(std::int32_t row, const std::uint8_t*& above,
@@ -230,10 +242,7 @@ std::uint16_t QelImageStackSegmentationAccelerator::RowPlanes(std::int32_t row, 
 
 const std::uint8_t* const* QelImageStackSegmentationAccelerator::FreshNearest() const noexcept
 {
-    if (m_nearestSerial.load(std::memory_order_acquire) != m_stack->SerialNumber())
-        return nullptr;
-    const std::uint8_t* const* nearest = m_nearestData.load(std::memory_order_relaxed);
-    return nearest && m_nearestCount.load(std::memory_order_relaxed) == m_depth ? nearest : nullptr;
+    return m_nearest.Fresh(m_stack->SerialNumber(), m_depth);
 }
 
 const std::uint8_t* const* QelImageStackSegmentationAccelerator::BuildNearest() const
@@ -241,25 +250,11 @@ const std::uint8_t* const* QelImageStackSegmentationAccelerator::BuildNearest() 
     QelAutoLockCriticalSection lock(m_rowLock);
     if (const std::uint8_t* const* nearest = FreshNearest())
         return nearest;
-    const std::int32_t serial = m_stack->SerialNumber();
     const std::int32_t depth = m_depth;
-    if (!m_nearestTable || m_nearestTable->Length() != depth) {
-        std::unique_ptr<QelArray<const std::uint8_t*>> table =
-            QelArray<const std::uint8_t*>::New(depth, nullptr, nullptr);
-        if (!table)
-            return nullptr;
-        m_nearestData.store(nullptr, std::memory_order_relaxed);
-        m_nearestTable = std::move(table);
-    } else {
-        std::fill_n(m_nearestTable->Data(), depth, nullptr);
-    }
-    const std::uint8_t** nearest = m_nearestTable->Data();
-    WalkRows(depth, [nearest](std::int32_t row, const std::uint8_t* above, const std::uint8_t* below,
-                              std::uint16_t fraction) { nearest[row] = fraction > 0x7FFF ? above : below; });
-    m_nearestData.store(nearest, std::memory_order_relaxed);
-    m_nearestCount.store(depth, std::memory_order_relaxed);
-    m_nearestSerial.store(serial, std::memory_order_release);
-    return nearest;
+    return m_nearest.Publish(m_stack->SerialNumber(), depth, [this, depth](const std::uint8_t** nearest) {
+        WalkRows(depth, [nearest](std::int32_t row, const std::uint8_t* above, const std::uint8_t* below,
+                                  std::uint16_t fraction) { nearest[row] = fraction > 0x7FFF ? above : below; });
+    });
 }
 
 const std::uint8_t* QelImageStackSegmentationAccelerator::NearestPlane(std::int32_t row) const
@@ -377,9 +372,7 @@ void QelImageStackSegmentationAccelerator::DropTables() noexcept
 
 void QelImageStackSegmentationAccelerator::DropRowTable() noexcept
 {
-    m_rowData.store(nullptr, std::memory_order_relaxed);
-    m_rowCount.store(0, std::memory_order_relaxed);
-    m_rowTable.reset();
+    m_rows.Drop();
 }
 
 void QelImageStackSegmentationAccelerator::ImageInserted(float /*z*/, std::int32_t /*index*/,
