@@ -1,4 +1,5 @@
 #include "base/QelArray.h"
+#include "base/QelPtr.h"
 
 #include "support/AssertionText.h"
 #include "support/BaseTestSupport.h"
@@ -7,14 +8,20 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <vector>
+#include <stdexcept>
+#include <utility>
 
 namespace {
 
-// An element with a destructor, which counts its destructions.
+// Counts its destructions, and its constructor throws when asked to.
 struct Tracked {
-    int* destroyed = nullptr;
+    explicit Tracked(int& count, bool fail = false) : destroyed(&count)
+    {
+        if (fail)
+            throw std::runtime_error("refused");
+    }
     ~Tracked() { ++*destroyed; }
+    int* destroyed;
 };
 
 }  // namespace
@@ -46,29 +53,26 @@ void ExpectKeptOrDefault(const Array& array, const QelIntRange& before)
 }
 
 // true: blocks from a manager; false: malloc and realloc.
-class QelArrayResizeTest : public ::testing::TestWithParam<bool> {
-protected:
-    QelMemoryManager* Manager() { return GetParam() ? &m_manager : nullptr; }
-    CountingMemoryManager m_manager;
-};
+class QelArrayResizeTest : public ::testing::TestWithParam<bool> {};
 
 TEST_P(QelArrayResizeTest, KeepsSharedElementsAtTheirIndicesAndFillsTheRestWithTheDefault)
 {
+    CountingMemoryManager counting;
+    QelMemoryManager* manager = GetParam() ? &counting : nullptr;
     const QelIntRange before(0, 9);
-    const std::vector<QelIntRange> targets = {{5, 14}, {-5, 4}, {2, 7}, {-3, 12}, {20, 29}, {-40, -1}};
+    const QelIntRange targets[] = {{5, 14}, {-5, 4}, {2, 7}, {-3, 12}, {20, 29}, {-40, -1}};
     for (const QelIntRange& target : targets) {
         SCOPED_TRACE(testing::PrintToString(target));
-        auto array = MakeNumbered(before, Manager());
-        ASSERT_NE(array, nullptr);
+        auto array = MakeNumbered(before, manager);
         ASSERT_TRUE(array->Resize(target));
         EXPECT_EQ(array->Range(), target);
         ExpectKeptOrDefault(*array, before);
     }
     // An empty range gives the block back; the array grows again from nothing.
-    auto array = MakeNumbered(before, Manager());
+    auto array = MakeNumbered(before, manager);
     ASSERT_TRUE(array->Resize(QelIntRange::Empty()));
     EXPECT_EQ(array->ZElem(), nullptr);
-    EXPECT_EQ(m_manager.Outstanding(), 0u);
+    EXPECT_EQ(counting.Outstanding(), 0u);
     ASSERT_TRUE(array->Resize({3, 5}));
     ExpectKeptOrDefault(*array, QelIntRange::Empty());
 }
@@ -80,20 +84,22 @@ TEST(QelArrayTest, NewIndexesByTheRangeAndRefusesInfiniteRangesAndNegativeSizes)
 {
     // A table over every 16-bit voxel value, indexed by the value directly.
     auto table = QelArray<std::int16_t>::New({-32768, 32767}, 0, nullptr);
-    ASSERT_NE(table, nullptr);
     EXPECT_EQ(table->ZElem(), table->Data() + 32768);
     table->Elem(32767) = 5;
     EXPECT_EQ(table->Data()[65535], 5);
 
-    auto four = Array::New(4, 9, nullptr);
-    ASSERT_NE(four, nullptr);
-    EXPECT_EQ(four->Range(), QelIntRange(0, 3));
-    EXPECT_EQ(four->Elem(3), 9);
-    EXPECT_TRUE(Array::New(0, 1, nullptr)->Range().IsEmpty());
+    EXPECT_EQ(Array::New(4, 9, nullptr)->Range(), QelIntRange(0, 3));
     EXPECT_EQ(Array::New({QelIntRange::kLowest, 0}, 0, nullptr), nullptr);
     QelDebug::SetBugHandler(nullptr);
     EXPECT_EQ(AssertionText([] { (void)Array::New(-3, 0, nullptr); }),
               "QelArray::New (size, default_elem):\n  \"size\" must be positive or zero. -3 was given\n");
+
+    // Elements with a destructor are all destroyed with the array, the default one too.
+    int destroyed = 0;
+    auto tracked = QelArray<Tracked>::New(8, Tracked(destroyed), nullptr);
+    const int beforeDelete = destroyed;
+    tracked.reset();
+    EXPECT_EQ(destroyed - beforeDelete, 8 + 1);
 }
 
 // A refused resize keeps range and block, and the manager ends up with every block back.
@@ -101,7 +107,6 @@ TEST(QelArrayTest, RefusedResizeKeepsTheRangeAndTheBlock)
 {
     CountingMemoryManager manager;
     auto array = MakeNumbered({-2, 7}, &manager);
-    ASSERT_NE(array, nullptr);
     ASSERT_TRUE(array->Resize({0, 9}));
     EXPECT_EQ(manager.LastSize(), 10 * sizeof(std::int32_t));
     EXPECT_EQ(manager.Outstanding(), 1u);
@@ -121,13 +126,33 @@ TEST(QelArrayTest, RefusedResizeKeepsTheRangeAndTheBlock)
     EXPECT_EQ(manager.ForeignFrees(), 0);
 }
 
-TEST(QelArrayTest, ElementsWithADestructorAreAllDestroyedWithTheArray)
+TEST(QelManagedPtrTest, DestroysTheObjectAndGivesTheBlockBackToTheManagerItCameFrom)
 {
+    CountingMemoryManager first, second;
     int destroyed = 0;
-    auto array = QelArray<Tracked>::New(8, Tracked{&destroyed}, nullptr);
-    const int beforeDelete = destroyed;
-    array.reset();
-    EXPECT_EQ(destroyed - beforeDelete, 8 + 1);  // the elements and the default element
+    QelManagedPtr<Tracked> a = QelMakeManaged<Tracked>(&first, destroyed);
+    QelManagedPtr<Tracked> b = QelMakeManaged<Tracked>(&second, destroyed);
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(first.LastSize(), sizeof(Tracked));
+
+    // Ownership moves with its manager.
+    a = std::move(b);
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_EQ(first.Outstanding(), 0u);
+    EXPECT_EQ(second.Outstanding(), 1u);
+    a.reset();
+    EXPECT_EQ(destroyed, 2);
+    EXPECT_EQ(second.Outstanding(), 0u);
+    EXPECT_EQ(first.ForeignFrees() + second.ForeignFrees(), 0);
+
+    // Make gives null without a block and returns the block of a throwing constructor.
+    first.SetFailing(true);
+    EXPECT_EQ(QelMakeManaged<Tracked>(&first, destroyed), nullptr);
+    first.SetFailing(false);
+    EXPECT_THROW((void)QelMakeManaged<Tracked>(&first, destroyed, true), std::runtime_error);
+    EXPECT_EQ(first.AllocCalls(), 3);
+    EXPECT_EQ(first.Outstanding(), 0u);
+    EXPECT_EQ(destroyed, 2);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
@@ -24,35 +25,8 @@ float MaxDifference(const QelMatrix34& a, const QelMatrix34& b)
     return difference;
 }
 
-float MaxDifference(const QelVector3& a, const QelVector3& b)
-{
-    return std::max({std::abs(a.X() - b.X()), std::abs(a.Y() - b.Y()), std::abs(a.Z() - b.Z())});
-}
-
-QelVector3 Point(const QelMatrix34& m, const QelVector3& p)
-{
-    QelVector3 out;
-    m.TransformPoint(p, out);
-    return out;
-}
-
-QelVector3 Vector(const QelMatrix34& m, const QelVector3& v)
-{
-    QelVector3 out;
-    m.TransformVector(v, out);
-    return out;
-}
-
-// Small integers keep every sum of products exact, so two ways of computing
-// the same transform must agree exactly.
-QelMatrix34 RandomIntegerMatrix(std::mt19937& random)
-{
-    std::uniform_int_distribution<int> value(-8, 8);
-    std::array<float, QelMatrix34::kCount> elements;
-    for (float& element : elements)
-        element = static_cast<float>(value(random));
-    return QelMatrix34(elements);
-}
+QelVector3 Point(const QelMatrix34& m, const QelVector3& p) { QelVector3 out; m.TransformPoint(p, out); return out; }
+QelVector3 Vector(const QelMatrix34& m, const QelVector3& v) { QelVector3 out; m.TransformVector(v, out); return out; }
 
 // A rotation, an uneven scale, a shear and a translation: well conditioned, and
 // with every element in play.
@@ -67,42 +41,36 @@ QelMatrix34 RandomRegularMatrix(std::mt19937& random)
         .Multiply(QelMatrix34::Shear(2, unit(random), unit(random), 0.0f));
 }
 
-TEST(QelMatrix34Test, FactoriesMoveAPointWhereTheirDefinitionsSay)
+// Sine 2 and cosine 3 keep the products exact, and (1, 1, 1) shows the sign and
+// the place of every term.
+TEST(QelMatrix34Test, FactoriesMoveAPointWhereTheirDefinitionsSayAndProductsApplyTheRightFactorFirst)
 {
-    // Sine 2 and cosine 3 keep the products exact, and (1, 1, 1) shows the sign and
-    // the place of every term.
-    const QelVector3 ones(1, 1, 1), p(1, 2, 3);
-    const struct {
-        const char* what;
-        QelMatrix34 m;
-        QelVector3 in, out;
-    } cases[] = {
-        {"swap xy", QelMatrix34::SwapXY(), p, {2, 1, 3}},
-        {"swap xz", QelMatrix34::SwapXZ(), p, {3, 2, 1}},
-        {"swap yz", QelMatrix34::SwapYZ(), p, {1, 3, 2}},
-        {"translate", QelMatrix34::Translate(1, 2, 3), p, {2, 4, 6}},
-        {"scale", QelMatrix34::Scale(2, 3, 4), p, {2, 6, 12}},
+    const std::pair<QelMatrix34, QelVector3> cases[] = {
         // Right-handed: y turns towards z, z towards x, x towards y.
-        {"rotate about x", QelMatrix34::RotAxSinCos(0, 2, 3), ones, {1, 1, 5}},
-        {"rotate about y", QelMatrix34::RotAxSinCos(1, 2, 3), ones, {5, 1, 1}},
-        {"rotate about z", QelMatrix34::RotAxSinCos(2, 2, 3), ones, {1, 5, 1}},
+        {QelMatrix34::RotAxSinCos(0, 2, 3), {1, 1, 5}},
+        {QelMatrix34::RotAxSinCos(1, 2, 3), {5, 1, 1}},
+        {QelMatrix34::RotAxSinCos(2, 2, 3), {1, 5, 1}},
         // The terms go into the column of the axis; the axis's own term is ignored.
-        {"shear x", QelMatrix34::Shear(0, 2, 3, 5), ones, {1, 4, 6}},
-        {"shear y", QelMatrix34::Shear(1, 2, 3, 5), ones, {3, 1, 6}},
-        {"shear z", QelMatrix34::Shear(2, 2, 3, 5), ones, {3, 4, 1}},
+        {QelMatrix34::Shear(0, 2, 3, 5), {1, 4, 6}},
+        {QelMatrix34::Shear(1, 2, 3, 5), {3, 1, 6}},
+        {QelMatrix34::Shear(2, 2, 3, 5), {3, 4, 1}},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(Point(c.m, c.in), c.out) << c.what;
+    for (const auto& [m, out] : cases)
+        EXPECT_EQ(Point(m, {1, 1, 1}), out) << testing::PrintToString(m);
     // RotAx takes radians.
-    EXPECT_LE(MaxDifference(Point(QelMatrix34::RotAx(2, std::numbers::pi / 2), {1, 0, 0}), {0, 1, 0}), 1e-7f);
-}
+    EXPECT_LE(MaxDifference(QelMatrix34::RotAx(2, std::numbers::pi / 2), QelMatrix34::RotAxSinCos(2, 1, 0)), 1e-7f);
 
-TEST(QelMatrix34Test, ProductAppliesTheRightFactorFirst)
-{
+    // Small integers keep every sum of products exact, so both ways must agree exactly.
     std::mt19937 random(7);
+    std::uniform_int_distribution<int> value(-8, 8);
+    const auto randomMatrix = [&] {
+        std::array<float, QelMatrix34::kCount> elements;
+        for (float& element : elements)
+            element = static_cast<float>(value(random));
+        return QelMatrix34(elements);
+    };
     for (int i = 0; i < 200; ++i) {
-        const QelMatrix34 a = RandomIntegerMatrix(random);
-        const QelMatrix34 b = RandomIntegerMatrix(random);
+        const QelMatrix34 a = randomMatrix(), b = randomMatrix();
         const QelVector3 p(static_cast<float>(i % 5) - 2, 3, static_cast<float>(i % 7) - 4);
         EXPECT_EQ(Point(a * b, p), Point(a, Point(b, p))) << i;
         EXPECT_EQ(Vector(a * b, p), Vector(a, Vector(b, p))) << i;
@@ -112,55 +80,24 @@ TEST(QelMatrix34Test, ProductAppliesTheRightFactorFirst)
 TEST(QelMatrix34Test, MisuseIsReportedWithItsOwnText)
 {
     const QelMatrix34 zeroRow({1, 2, 3, 4, 0, 0, 0, 5, 7, 8, 9, 10});  // its translation doesn't rescue it
-    const struct {
-        std::function<void()> call;
-        const char* heading;
-        const char* text;
-    } cases[] = {
-        {[] { (void)QelMatrix34::RotAx(3, 0.5); }, "QEL_ASSERT in src/base/QelMatrix34.cpp, line ",
+    const std::pair<std::function<void()>, const char*> cases[] = {
+        {[] { (void)QelMatrix34::RotAx(3, 0.5); },
          "QelMatrix34::RotAxSinCos: Axis out of range.\nRequired: [0..2]. Given: 3.\n"},
-        {[] { (void)QelMatrix34::Shear(-1, 1, 1, 1); }, "QEL_ASSERT in src/base/QelMatrix34.cpp, line ",
-         "QelMatrix34::Shear: Axis out of range.\nRequired: [0..2]. Given: -1.\n"},
-        {[&] { (void)zeroRow.NormalTransformation(); }, "QEL_ASSERT in src/base/QelMatrix34.cpp, line ",
-         "QelMatrix34::NormalTransformation: singular matrix detected"},
+        {[&] { (void)zeroRow.NormalTransformation(); }, "QelMatrix34::NormalTransformation: singular matrix detected"},
         // The vectors as "(x, y, z)" with %g components.
         {[] { (void)QelMatrix34::FromAxes({1, 0, 0}, {0, -2.5f, 0}, {1, 1, 0}); },
-         "QEL_ERROR in src/base/QelMatrix34.cpp, line ",
          "Matrix34: Illegal linear combination of coplanar vectors: (1, 0, 0), (0, -2.5, 0) and (1, 1, 0)"},
     };
-    for (const auto& c : cases) {
-        const CaughtReport report = CatchReport<QelThrowBugHandler::QelBacktraceException>(c.call);
-        EXPECT_EQ(report.heading.rfind(c.heading, 0), 0u) << report.heading;
-        EXPECT_EQ(report.text, c.text);
+    for (const auto& [call, text] : cases) {
+        const CaughtReport report = CatchReport<QelThrowBugHandler::QelBacktraceException>(call);
+        EXPECT_NE(report.heading.find(" in src/base/QelMatrix34.cpp, line "), std::string::npos) << report.heading;
+        EXPECT_EQ(report.text, text);
     }
     // Only triple products within 2^-52 of zero are coplanar.
-    const auto reports = [](float z) {
+    for (const float z : {1e-17f, 1e-15f}) {
         const auto call = [z] { (void)QelMatrix34::FromAxes({1, 0, 0}, {0, 1, 0}, {0, 0, z}); };
-        return !CatchReport<QelThrowBugHandler::ErrorException>(call).text.empty();
-    };
-    EXPECT_TRUE(reports(1e-17f));
-    EXPECT_FALSE(reports(1e-15f));
-}
-
-TEST(QelMatrix34Test, LookAtPutsTheEyeAtTheOriginLookingDownMinusZ)
-{
-    const QelVector3 eye(10, -4, 7), direction(-1, 2, 0.5f), up(0, 0.3f, 1);
-    const QelMatrix34 view = QelMatrix34::LookAt(eye.X(), eye.Y(), eye.Z(), direction.X(), direction.Y(),
-                                                 direction.Z(), up.X(), up.Y(), up.Z());
-    const float distance = std::sqrt(direction.Dot(direction));
-    EXPECT_LE(MaxDifference(Point(view, eye), QelVector3(0, 0, 0)), 1e-5f);
-    EXPECT_LE(MaxDifference(Point(view, eye + direction), QelVector3(0, 0, -distance)), 1e-5f);
-    const QelVector3 above = Vector(view, up);
-    EXPECT_NEAR(above.X(), 0.0f, 1e-6f);
-    EXPECT_GT(above.Y(), 0.0f);
-    EXPECT_NEAR(view.Determinant(), 1.0, 1e-6);  // no scaling, right-handed
-
-    // Without a direction or up there are zero rows instead of NaN.
-    EXPECT_EQ(QelMatrix34::LookAt(1, 2, 3, 0, 0, 0, 0, 1, 0), QelMatrix34::Zero());
-    // No up, or an up along the direction: only the backward row survives.
-    const QelMatrix34 expected({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, -3});
-    EXPECT_EQ(QelMatrix34::LookAt(1, 2, 3, 0, 0, -2, 0, 0, 0), expected);
-    EXPECT_EQ(QelMatrix34::LookAt(1, 2, 3, 0, 0, -2, 0, 0, 7), expected);
+        EXPECT_EQ(CatchReport<QelThrowBugHandler::ErrorException>(call).text.empty(), z > 1e-16f) << z;
+    }
 }
 
 // Normals turn by the inverse transposed, so both come from the same inversion.
@@ -174,14 +111,10 @@ TEST(QelMatrix34Test, InverseUndoesTheTransformAndNormalsStayPerpendicular)
         SCOPED_TRACE(testing::Message() << "case " << i);
         // Translations of a few hundred leave rounding of about 1e-4 in column 3.
         EXPECT_LE(MaxDifference(m.Multiply(inverse), QelMatrix34::Identity()), 1e-3f);
-        EXPECT_LE(MaxDifference(inverse.Multiply(m), QelMatrix34::Identity()), 1e-3f);
         EXPECT_EQ(QelVector3(normals.Elem(0, 3), normals.Elem(1, 3), normals.Elem(2, 3)), QelVector3(0, 0, 0));
         const QelVector3 n = Vector(normals, normal), t = Vector(m, tangent);
         EXPECT_NEAR(n.Dot(t) / std::sqrt(n.Dot(n) * t.Dot(t)), 0.0f, 1e-5f);
     }
-    // Perpendicularity holds at any scale; the inverse transposed fixes it.
-    EXPECT_EQ(QelMatrix34::Translate(5, 6, 7).Multiply(QelMatrix34::Scale(2, 4, 8)).NormalTransformation(),
-              QelMatrix34::Scale(0.5f, 0.25f, 0.125f));
 }
 
 TEST(QelMatrix34Test, SingularMatricesAndOnlyThoseInvertToZeroAndTheDeterminantSkipsTheTranslation)
@@ -199,26 +132,37 @@ TEST(QelMatrix34Test, SingularMatricesAndOnlyThoseInvertToZeroAndTheDeterminantS
 
     // Norm and determinant skip the translation.
     EXPECT_EQ(QelMatrix34::Translate(100, -200, 300).Norm(), 1.0f);
-    EXPECT_EQ(QelMatrix34::Shear(1, -7, 0, 3).Norm(), 7.0f);
     EXPECT_EQ(QelMatrix34::Translate(4, 5, 6).Multiply(QelMatrix34::Scale(2, 3, 4)).Determinant(), 24.0);
     // Worked in doubles: in floats 3 x (1/3) rounds to exactly 1.
     const float third = 1.0f / 3.0f;
     EXPECT_EQ(QelMatrix34::Scale(3, third, 1).Determinant(), 3.0 * static_cast<double>(third));
 }
 
-template <std::size_t kSize>
-std::array<std::uint32_t, kSize> Bits(const float (&values)[kSize])
+// Levels rise from scalar without gaps. An inner limit never raises an outer one,
+// and each restores the cap it found; what the processor can run is still reported.
+TEST(QelIsaTest, LimitsCapTheBestIsaForTheirScopeOnly)
 {
-    std::array<std::uint32_t, kSize> bits;
-    for (std::size_t i = 0; i < kSize; ++i)
-        bits[i] = std::bit_cast<std::uint32_t>(values[i]);
-    return bits;
+    constexpr QelIsa kAllIsas[] = {QelIsa::Scalar, QelIsa::Sse2, QelIsa::Avx2, QelIsa::Avx512};
+    const std::vector<QelIsa> isas = QelSupportedIsas();
+    EXPECT_EQ(isas, std::vector<QelIsa>(std::begin(kAllIsas), std::begin(kAllIsas) + isas.size()));
+    EXPECT_EQ(QelBestIsa(), isas.back());
+    {
+        const QelIsaLimit outer(QelIsa::Sse2);
+        const QelIsaLimit inner(QelIsa::Avx2);
+        EXPECT_EQ(QelBestIsa(), std::min(isas.back(), QelIsa::Sse2));
+        {
+            const QelIsaLimit innermost(QelIsa::Scalar);
+            EXPECT_EQ(QelBestIsa(), QelIsa::Scalar);
+            EXPECT_EQ(QelSupportedIsas(), isas);
+        }
+        EXPECT_EQ(QelBestIsa(), std::min(isas.back(), QelIsa::Sse2));
+    }
+    EXPECT_EQ(QelBestIsa(), isas.back());
 }
 
-// Mostly ordinary values, with signed zeros, ones and denormals mixed in: -0
-// products and underflow are where bodies that merely agree in value differ in
-// bits. Infinities and NaNs stay out, as NaN payloads need not survive operand
-// order.
+// Signed zeros, ones and denormals mixed in: -0 products and underflow are where
+// bodies that merely agree in value differ in bits. NaN payloads need not survive
+// operand order, so NaNs stay out.
 template <std::size_t kSize>
 void FillRandomly(float (&values)[kSize], std::mt19937& random)
 {
@@ -231,13 +175,16 @@ void FillRandomly(float (&values)[kSize], std::mt19937& random)
     }
 }
 
+template <std::size_t kSize>
+using Bits = std::array<std::uint32_t, kSize>;
+
 class QelMatrix34KernelsTest : public testing::TestWithParam<QelIsa> {
 protected:
     const QelMatrix34Kernels& m_scalar = QelMatrix34KernelsFor(QelIsa::Scalar);
     const QelMatrix34Kernels& m_tested = QelMatrix34KernelsFor(GetParam());
 };
 
-TEST_P(QelMatrix34KernelsTest, EveryBodyMatchesScalarBitForBit)
+TEST_P(QelMatrix34KernelsTest, EveryBodyMatchesScalarBitForBitAndReadsItsInputBeforeWriting)
 {
     std::mt19937 random(2024);
     for (int i = 0; i < 2000; ++i) {
@@ -248,17 +195,14 @@ TEST_P(QelMatrix34KernelsTest, EveryBodyMatchesScalarBitForBit)
         float expected[QelMatrix34::kCount], actual[QelMatrix34::kCount], expected3[3], actual3[3];
         m_scalar.multiply(a, b, expected);
         m_tested.multiply(a, b, actual);
-        ASSERT_EQ(Bits(actual), Bits(expected)) << "multiply, case " << i;
+        ASSERT_EQ(std::bit_cast<Bits<12>>(actual), std::bit_cast<Bits<12>>(expected)) << "multiply, case " << i;
         for (const auto transform : {&QelMatrix34Kernels::transformPoint, &QelMatrix34Kernels::transformVector}) {
             (m_scalar.*transform)(a, in, expected3);
             (m_tested.*transform)(a, in, actual3);
-            ASSERT_EQ(Bits(actual3), Bits(expected3)) << "transform, case " << i;
+            ASSERT_EQ(std::bit_cast<Bits<3>>(actual3), std::bit_cast<Bits<3>>(expected3)) << "transform, case " << i;
         }
     }
-}
-
-TEST_P(QelMatrix34KernelsTest, TransformsReadTheInputBeforeWritingTheOutput)
-{
+    // The input is read before the output is written.
     const float m[QelMatrix34::kCount] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
     float v[3] = {1, -1, 2};
     m_tested.transformPoint(m, v, v);

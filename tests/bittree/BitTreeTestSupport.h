@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <memory>
 #include <random>
-#include <sstream>
 #include <vector>
 
 inline std::unique_ptr<QelBlockedBitTree> MakeTree(std::uint32_t w, std::uint32_t h, std::uint32_t d,
@@ -84,21 +83,18 @@ struct Grid {
 // fails), and the emptiness flags: a 1 must mean no set voxel in the 33-cube.
 inline void ExpectTreeIs(const QelBlockedBitTree& tree, const Grid& ref, bool padding = false)
 {
-    std::ostringstream wrong;
-    int count = 0;
-    const auto check = [&](bool ok, const char* what, std::uint32_t a, std::uint32_t b, std::uint32_t c) {
-        if (!ok && count++ < 5)
-            wrong << what << " " << a << "," << b << "," << c << "; ";
-    };
+    Grid voxels = ref, inRows = ref;  // the readers' answers inside the volume
     for (std::uint32_t n = 0; n < ref.bits.size(); ++n) {
         const std::uint32_t x = n % ref.gw, y = n / ref.gw % ref.gh, z = n / ref.gw / ref.gh;
-        const bool want = ref.bits[n] != 0, inside = ref.InVolume(x, y, z);
-        check(!inside || tree.IsSet(std::int32_t(x), std::int32_t(y), std::int32_t(z)) == want, "voxel", x, y, z);
-        check(!inside || tree.IsSetInRow(x, 128 * (z % 32) + y % 32, tree.GetBlockIndex(0, y, z)) == want,
-              "voxel in row", x, y, z);
-        check(!padding || RawBit(tree, x, y, z) == want, "raw bit", x, y, z);
+        if (ref.InVolume(x, y, z)) {
+            voxels.bits[n] = tree.IsSet(std::int32_t(x), std::int32_t(y), std::int32_t(z));
+            inRows.bits[n] = tree.IsSetInRow(x, 128 * (z % 32) + y % 32, tree.GetBlockIndex(0, y, z));
+        }
     }
-    check(!tree.IsSetInRow(tree.Width(), 0, 0), "row end", tree.Width(), 0, 0);
+    EXPECT_TRUE(voxels.bits == ref.bits && inRows.bits == ref.bits) << "voxels";
+    EXPECT_TRUE(!padding || Grid::Of(tree).bits == ref.bits) << "raw bits";
+    EXPECT_FALSE(tree.IsSetInRow(tree.Width(), 0, 0)) << "row end";
+    std::vector<std::uint32_t> wrongAccessors, wrongFlags;  // block indices
     for (std::uint32_t i = 0; i < tree.GetBlockCount(); ++i) {
         std::uint32_t x0, y0, z0;
         tree.GetBlockOrigin(i, x0, y0, z0);
@@ -110,17 +106,20 @@ inline void ExpectTreeIs(const QelBlockedBitTree& tree, const Grid& ref, bool pa
                 row |= std::uint32_t(block->Bits[128 * z + 32 * (b / 8) + k] >> (b % 8) & 1) << b;
                 column |= std::uint32_t(block->Bits[128 * z + 32 * (k / 8) + b] >> (k % 8) & 1) << b;
             }
-            check(block->GetRowBits(k, z) == row, "row of block", i, k, z);
-            check(block->GetColumnBits(k, z) == column, "column of block", i, k, z);
+            if (block->GetRowBits(k, z) != row || block->GetColumnBits(k, z) != column) {
+                wrongAccessors.push_back(i);
+                break;
+            }
         }
-        bool clear = true;
-        for (std::uint32_t n = 0; tree.BlockEmptiness()[i] && n < 33 * 33 * 33; ++n) {
-            const std::uint32_t x = x0 + n % 33, y = y0 + n / 33 % 33, z = z0 + n / 1089;
-            clear = clear && !(ref.InVolume(x, y, z) && ref.Get(x, y, z));
-        }
-        check(clear, "emptiness flag of block", i, 0, 0);
+        for (std::uint32_t n = 0; tree.BlockEmptiness()[i] && n < 33 * 33 * 33; ++n)
+            if (ref.InVolume(x0 + n % 33, y0 + n / 33 % 33, z0 + n / 1089) &&
+                ref.Get(x0 + n % 33, y0 + n / 33 % 33, z0 + n / 1089)) {
+                wrongFlags.push_back(i);
+                break;
+            }
     }
-    EXPECT_EQ(count, 0) << wrong.str();
+    EXPECT_EQ(wrongAccessors, std::vector<std::uint32_t>()) << "blocks whose rows or columns differ from their bits";
+    EXPECT_EQ(wrongFlags, std::vector<std::uint32_t>()) << "blocks flagged empty with set voxels in reach";
 }
 
 // Entries of every form: empty, full, sparse, nearly full and random rows, written

@@ -146,23 +146,6 @@ TEST(QelBlockedBitTreeTest, AFilledBlockBecomesTheMarkerAndGivesItsStorageBack)
     EXPECT_EQ(tree->BlockEmptiness()[0], 1);
 }
 
-// Each voxel lies just outside block 0 of a 65-cube; only those a sample inside
-// block 0 can reach clear its flag, and only once the flags are computed.
-TEST(QelBlockedBitTreeTest, ANeighbourVoxelClearsTheOriginFlagOnlyWithinReach)
-{
-    const std::int32_t cases[][4] = {{32, 0, 0, 1},  {0, 32, 0, 1},  {0, 0, 32, 1},  {31, 31, 32, 1},
-                                     {32, 32, 7, 1}, {32, 32, 32, 1}, {33, 0, 0, 0}, {0, 33, 0, 0},
-                                     {0, 0, 33, 0},  {32, 33, 0, 0},  {33, 32, 32, 0}};  // x, y, z, reaches
-    for (const auto& c : cases) {
-        auto tree = MakeTree(65, 65, 65);
-        ASSERT_TRUE(tree->SetBit(c[0], c[1], c[2]));
-        EXPECT_EQ(tree->BlockEmptiness()[0], 1);
-        tree->ComputeBlockEmptiness();
-        EXPECT_EQ(tree->GetBlock(0), nullptr);
-        EXPECT_EQ(tree->BlockEmptiness()[0], 1 - c[3]) << c[0] << ", " << c[1] << ", " << c[2];
-    }
-}
-
 TEST(QelBlockedBitTreeTest, CopiesAndNewBoxesKeepEntriesByIndex)
 {
     CountingMemoryManager manager;
@@ -232,9 +215,6 @@ TEST(QelBlockedBitTreeTest, VerifyReportsTheFirstBrokenPartInOrder)
     // The owners give up their storage while a bad pointer stands in for it.
     auto* table = Peer::Table(*tree).release();
     EXPECT_EQ(VerifyText(*tree), "Invalid Block Pointer for Bittree");
-    Peer::Table(*tree).reset(reinterpret_cast<QelBlockedBitTree::ManagedBlock*>(page));
-    EXPECT_EQ(VerifyText(*tree), "An unknown error (exception) occurred during Bittree check");
-    (void)Peer::Table(*tree).release();
     Peer::Table(*tree).reset(table);
     auto* block = tree->Blocks()[1].exchange(reinterpret_cast<QelBlockedBitTree::Block*>(page));
     EXPECT_EQ(VerifyText(*tree), "Invalid Block Data pointer for Bittree");
@@ -242,11 +222,7 @@ TEST(QelBlockedBitTreeTest, VerifyReportsTheFirstBrokenPartInOrder)
     std::uint8_t* flags = Peer::Flags(*tree).release();
     Peer::Flags(*tree).reset(page);
     EXPECT_EQ(VerifyText(*tree), "Invalid Block Emptiness pointer for Bittree");
-    EXPECT_FALSE(tree->Verify(nullptr, 0));  // without a buffer only the result comes back
     EXPECT_EQ(QelLastExceptionCode(), 0xC0000005u);
-    char shortMessage[8];
-    EXPECT_FALSE(tree->Verify(shortMessage, sizeof shortMessage));
-    EXPECT_EQ(std::string(shortMessage), "Invalid");
     (void)Peer::Flags(*tree).release();
     Peer::Flags(*tree).reset(flags);
     EXPECT_EQ(VerifyText(*tree), "verified");

@@ -28,10 +28,7 @@ public:
     }
 
     bool Resize(std::int32_t, const QelIntRange&, const QelIntRange&, const QelIntRange&, const QelIntRange&,
-                const QelIntRange&, const QelIntRange&) override
-    {
-        return false;
-    }
+                const QelIntRange&, const QelIntRange&) override { return false; }
 
 private:
     std::vector<std::uint8_t> m_pixels;

@@ -1,7 +1,5 @@
 #pragma once
 
-// Stacks, images and views for the slab tests.
-
 #include "base/QelIntRange.h"
 #include "base/QelMatrix34.h"
 #include "graphics/QelRenderSpec.h"
@@ -81,7 +79,6 @@ inline std::unique_ptr<QelMemoryRasterImage> MakeImage(std::int32_t bytesPerPixe
     return image;
 }
 
-/// All bytes of the image's pixels, row after row.
 inline std::vector<std::uint8_t> ImageBytes(const QelRasterImage& image)
 {
     std::vector<std::uint8_t> bytes;
@@ -93,7 +90,6 @@ inline std::vector<std::uint8_t> ImageBytes(const QelRasterImage& image)
     return bytes;
 }
 
-/// A 16-bit canvas's pixels, row after row.
 inline std::vector<std::uint16_t> Pixels(const QelRasterImage& canvas)
 {
     const std::vector<std::uint8_t> bytes = ImageBytes(canvas);

@@ -103,21 +103,15 @@ public:
         if (p.X < 0 || p.X >= (m_stack.Width() - 1) * 65536 || p.Y < 0 || p.Y >= (m_stack.Height() - 1) * 65536)
             return false;
 
-        const std::int32_t xi = p.X >> 16;
-        const std::int32_t yi = p.Y >> 16;
+        const std::int32_t xi = p.X >> 16, yi = p.Y >> 16;
         // Corners (xi, yi), (xi + 1, yi), (xi, yi + 1), (xi + 1, yi + 1), lower slice first.
         std::uint16_t corners[8];
         for (int k = 0; k < 8; ++k)
             corners[k] = Voxel(k < 4 ? lower : upper, xi + (k & 1), yi + ((k >> 1) & 1));
-        if (m_stack.HasPadding()) {
-            const auto padding = static_cast<std::uint16_t>(m_stack.PaddingValue());
-            for (std::uint16_t corner : corners)
-                if (corner == padding)
-                    return false;
-        }
+        if (m_stack.HasPadding() && std::count(corners, corners + 8, std::uint16_t(m_stack.PaddingValue())) != 0)
+            return false;
 
-        const std::uint32_t fx = static_cast<std::uint32_t>(p.X & 0xFFFF) >> 3;
-        const std::uint32_t fy = static_cast<std::uint32_t>(p.Y & 0xFFFF) >> 3;
+        const std::uint32_t fx = std::uint32_t(p.X & 0xFFFF) >> 3, fy = std::uint32_t(p.Y & 0xFFFF) >> 3;
         const std::uint32_t a = ((fx * fy) >> 16) << 3;           // (xi + 1, yi + 1)
         const std::uint32_t b = ((fx * (8192 - fy)) >> 16) << 3;  // (xi + 1, yi)
         const std::uint32_t c = fy - a;                           // (xi, yi + 1)
@@ -209,15 +203,12 @@ private:
         }
         if (count == 0)
             return m_undefined;
-        if (m_mode == 0 || m_mode == 1)
-            return held;
-        return static_cast<std::uint16_t>(sum / count - bias);
+        return m_mode == 0 || m_mode == 1 ? held : static_cast<std::uint16_t>(sum / count - bias);
     }
 
     const QelImageStack& m_stack;
     const QelImageStackFixedPointAccelerator& m_accelerator;
-    std::int32_t m_mode;
-    std::int32_t m_samples;
+    std::int32_t m_mode, m_samples;
     std::uint16_t m_undefined;
     std::int32_t m_tileWidth;
     float m_scale = 0.0f, m_offset = 0.0f;

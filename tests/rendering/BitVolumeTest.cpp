@@ -35,16 +35,11 @@ struct Dense {
     std::int32_t width, height, depth;
     std::vector<bool> bits = std::vector<bool>(static_cast<std::size_t>(width) * height * depth);
 
-    [[nodiscard]] std::array<std::int32_t, 3> Voxel(std::size_t i) const
-    {
-        return {static_cast<std::int32_t>(i % width), static_cast<std::int32_t>(i / width % height),
-                static_cast<std::int32_t>(i / width / height)};
-    }
     // Sets each voxel as `rule` says of its x, y and z.
     Dense& Where(const std::function<bool(std::int32_t x, std::int32_t y, std::int32_t z)>& rule)
     {
-        for (std::size_t i = 0; i < bits.size(); ++i)
-            bits[i] = std::apply(rule, Voxel(i));
+        for (std::int32_t i = 0; i < static_cast<std::int32_t>(bits.size()); ++i)
+            bits[i] = rule(i % width, i / width % height, i / width / height);
         return *this;
     }
 };
@@ -52,12 +47,7 @@ struct Dense {
 void ExpectVoxels(const BitVolume& volume, const Dense& dense)
 {
     ASSERT_EQ(volume.ToString(), BitVolume(dense.width, dense.height, dense.depth, false).ToString());
-    int wrong = 0;
-    for (std::size_t i = 0; i < dense.bits.size(); ++i) {
-        const auto [x, y, z] = dense.Voxel(i);
-        if (volume.IsSet(x, y, z) != dense.bits[i] && wrong++ < 5)
-            ADD_FAILURE() << x << ", " << y << ", " << z;
-    }
+    EXPECT_EQ(Dense(dense).Where([&](auto x, auto y, auto z) { return volume.IsSet(x, y, z); }).bits, dense.bits);
 }
 
 class BitVolumeTest : public ::testing::Test {
@@ -90,9 +80,10 @@ TEST_F(BitVolumeTest, ThePersistedFormIsTheDenseBitsInXYZOrderReadsBackEqualAndI
         EXPECT_EQ((std::array{info.GetInt32("Width"), info.GetInt32("Height"), info.GetInt32("Depth")}),
                   (std::array{w, h, d}));
         const auto& data = info.GetBitArray("Data");
-        ASSERT_EQ(data.Length(), static_cast<std::int64_t>(dense.bits.size()));
-        for (std::size_t i = 0; i < dense.bits.size(); ++i)
-            ASSERT_EQ(data.Get(static_cast<std::int64_t>(i)), dense.bits[i]) << i;
+        std::vector<bool> persisted(data.Length());
+        for (std::size_t i = 0; i < persisted.size(); ++i)
+            persisted[i] = data.Get(static_cast<std::int64_t>(i));
+        EXPECT_EQ(persisted, dense.bits);
 
         std::stringstream file;
         info.Write(file);
@@ -106,8 +97,7 @@ TEST_F(BitVolumeTest, ThePersistedFormIsTheDenseBitsInXYZOrderReadsBackEqualAndI
     SerializationInfo persisted;
     inverted->GetObjectData(persisted);
     const BitVolume back(persisted);
-    EXPECT_TRUE(back.IsSet(32, 1, 1));
-    EXPECT_FALSE(back.Equals(inverted.get()));
+    EXPECT_TRUE(back.IsSet(32, 1, 1) && !back.Equals(inverted.get()));
 
     // Forms that disagree with themselves are refused.
     const auto refusal = [](std::int32_t w, std::int32_t h, std::int32_t d, std::int64_t bits) {
@@ -143,30 +133,26 @@ TEST_F(BitVolumeTest, ConstructorsCheckTheirSizesInOrder)
     check([] { BitVolume(1, 1, 0, true); }, "The depth of the BitVolume cannot be zero or less.", "depth");
     check([] { BitVolume(ImageStack(), 0, 5); }, "The depth of the BitVolume cannot be zero or less.", "depth");
     check([] { BitVolume volume(nullptr); }, "Value cannot be null.", "qelBlockedBitTree");
-    EXPECT_THROW(BitVolume volume(nullptr), Ax::System::ArgumentNullException);
 
     // Outside its edges a full volume has nothing set.
-    EXPECT_FALSE(BitVolume(33, 1, 1, true).IsSet(33, 0, 0));
-    EXPECT_FALSE(BitVolume(33, 1, 1, true).IsSet(-1, 0, 0));
+    EXPECT_FALSE(BitVolume(33, 1, 1, true).IsSet(33, 0, 0) || BitVolume(33, 1, 1, true).IsSet(-1, 0, 0));
 }
 
 TEST_F(BitVolumeTest, TheAlgebraAgreesWithTheReference)
 {
     auto [a, denseA] = Random(70, 45, 33, 3);
     auto [b, denseB] = Random(70, 45, 33, 4);
-    const auto expect = [&](const std::shared_ptr<BitVolume>& result, auto rule) {
-        Dense dense{70, 45, 33};
-        for (std::size_t i = 0; i < dense.bits.size(); ++i)
-            dense.bits[i] = rule(denseA.bits[i], denseB.bits[i]);
-        ExpectVoxels(*result, dense);
-    };
-    expect(a->Union(*b), [](bool p, bool q) { return p || q; });
-    expect(a->Intersection(*b), [](bool p, bool q) { return p && q; });
-    expect(a->Xor(*b), [](bool p, bool q) { return p != q; });
-    expect(a->Invert(), [](bool p, bool) { return !p; });
+    // The operations themselves are held to a reference where they live; this checks what is handed on.
+    Dense expected{70, 45, 33};
+    for (std::size_t i = 0; i < expected.bits.size(); ++i)
+        expected.bits[i] = denseA.bits[i] != denseB.bits[i];
+    ExpectVoxels(*a->Xor(*b), expected);
+    expected.bits = denseA.bits;
+    expected.bits.flip();
+    ExpectVoxels(*a->Invert(), expected);
+    EXPECT_TRUE(*a->Union(*b) == *a->Xor(*b)->Union(*a->Intersection(*b)));
     ExpectVoxels(*a, denseA);  // the operands stay as they were
-    EXPECT_FALSE(*a == *b);
-    EXPECT_TRUE(*a == *a->Union(*a));
+    EXPECT_TRUE(!(*a == *b) && *a == *a->Union(*a));
     EXPECT_FALSE(a->Equals(BitVolume(70, 45, 34, false).Invert().get()));
 
     auto point = std::make_shared<BitVolume>(9, 9, 9, false);
@@ -190,18 +176,14 @@ TEST_F(BitVolumeTest, DownsizingKeepsAnySetVoxelAndRefusesOtherRatios)
     volume.Set(41, 7, 63);
     const auto same = volume.WithBoundsDownsized(64, 64, 64);
     same->Set(0, 0, 0);
-    EXPECT_FALSE(volume.IsSet(0, 0, 0));  // a copy, not a view
-    EXPECT_TRUE(same->IsSet(41, 7, 63));
+    EXPECT_TRUE(!volume.IsSet(0, 0, 0) && same->IsSet(41, 7, 63));  // a copy, not a view
 
-    ExpectVoxels(*volume.WithBoundsDownsized(32, 32, 32), Dense{32, 32, 32}.Where([](std::int32_t x, std::int32_t y, std::int32_t z) {
-        return x == 20 && y == 3 && z == 31;
-    }));
+    ExpectVoxels(*volume.WithBoundsDownsized(32, 32, 32),
+                 Dense{32, 32, 32}.Where([](auto x, auto y, auto z) { return x == 20 && y == 3 && z == 31; }));
 
     // Height and depth follow the width's ratio: only their lower halves get voxels.
     const auto narrow = BitVolume(64, 64, 64, true).WithBoundsDownsized(32, 64, 64);
-    EXPECT_TRUE(narrow->IsSet(31, 31, 31));
-    EXPECT_FALSE(narrow->IsSet(0, 32, 0));
-    EXPECT_FALSE(narrow->IsSet(0, 0, 32));
+    EXPECT_TRUE(narrow->IsSet(31, 31, 31) && !narrow->IsSet(0, 32, 0) && !narrow->IsSet(0, 0, 32));
 
     EXPECT_EQ(MessageOf<ArgumentException>([&] { (void)volume.WithBoundsDownsized(65, 8, 8); }),
               "Cannot downsize from [Width=64, Height=64, Depth=64] to increased bounds "

@@ -1,6 +1,5 @@
 #include "BugHandlerInstance.h"
 
-#include "ax/rendering/Initializer.h"
 #include "ax/rendering/RenderingException.h"
 
 #include "support/MessageOf.h"
@@ -53,17 +52,6 @@ TEST(BugHandlerInstanceTest, TheBufferHoldsExactly4096BytesWithTheTerminator)
     // The overflow left the message open: the next one can't start.
     EXPECT_EQ(Thrown([&] { handler.Assert("f", 2); }), "Unexpected call to Assert");
     EXPECT_EQ(Thrown([&] { handler.Flush(); }).size(), static_cast<std::size_t>(BugHandlerInstance::kBufferSize - 1));
-}
-
-TEST(BugHandlerInstanceTest, NativeReportsReachTheHostAsRenderingExceptions)
-{
-    Ax::Rendering::Initializer::Initialize();
-    const int line = __LINE__ + 1;
-    const std::string text = Thrown([] { QEL_ASSERT(false, "QelSize2::QelSize2: Negative size"); });
-    EXPECT_EQ(text, "tests/rendering/BugHandlerInstanceTest.cpp: " + std::to_string(line) +
-                        ": Assertation failed.\nQelSize2::QelSize2: Negative size");
-    // A finished report leaves the handler ready for the next.
-    EXPECT_FALSE(static_cast<BugHandlerInstance*>(QelDebug::BugHandler())->MessageOpen());
 }
 
 }  // namespace

@@ -19,12 +19,6 @@ TEST(QelFaultGuardTest, FaultsBecomeRecordsWithTheirCodeAddressAndStack)
     EXPECT_TRUE(IsInside(fault.Address, &WriteToForbiddenPage)) << fault.Address;
     EXPECT_GT(fault.FrameCount, 0);
     EXPECT_EQ(QelLastExceptionCode(), 0xC0000005u);
-
-    QelFaultRecord division;
-    EXPECT_FALSE(QelRunGuarded("Fpe", [] { DivideByZero(); }, division));
-    EXPECT_EQ(division.Code, 0xC0000094u);
-    EXPECT_EQ(division.Signal, SIGFPE);
-    EXPECT_TRUE(IsInside(division.Address, &DivideByZero)) << division.Address;
 }
 
 // An inner guard catches its own fault, and leaves the outer one armed whether it
@@ -57,6 +51,8 @@ TEST(QelFaultGuardTest, NestedGuardsEachCatchTheirOwnFaults)
     EXPECT_FALSE(outerSurvived);
     EXPECT_FALSE(reachedEnd);
     EXPECT_EQ(outer.Code, 0xC0000094u);
+    EXPECT_EQ(outer.Signal, SIGFPE);
+    EXPECT_TRUE(IsInside(outer.Address, &DivideByZero)) << outer.Address;
 }
 
 // Death tests start a fresh copy of the binary, so the guard's handlers are

@@ -13,19 +13,12 @@
 
 namespace {
 
-constexpr int kLowest = std::numeric_limits<int>::min();
-constexpr int kHighest = std::numeric_limits<int>::max();
+std::mutex g_visitsLock;
 
-struct Visits {
-    std::mutex lock;
-    std::vector<int> order;
-};
-
-void RecordVisit(int index, void* argument)
+void RecordVisit(int index, void* visits)
 {
-    auto& visits = *static_cast<Visits*>(argument);
-    std::lock_guard lock(visits.lock);
-    visits.order.push_back(index);
+    std::lock_guard lock(g_visitsLock);
+    static_cast<std::vector<int>*>(visits)->push_back(index);
 }
 
 void FaultAtSeven(int index, void*)
@@ -38,19 +31,17 @@ void FaultAtSeven(int index, void*)
 // either way a fault in the function fails the job and no more.
 TEST(QelFunctionThreaderTest, EveryIndexRunsOnceWithAndWithoutAManager)
 {
-    const std::vector<int> expected = {-2, -1, 0, 1, 2, 3, 4, 5};
     for (const int processors : {1, 3}) {
         const QelRenderThreadCountPin pin(processors);  // one processor makes any count serial
         auto threader = QelFunctionThreader::New(3);
-        ASSERT_NE(threader, nullptr);
         EXPECT_EQ(threader->IsThreaded(), processors > 1);
-        Visits visits;
+        std::vector<int> visits;
         EXPECT_TRUE(threader->DoJob(&RecordVisit, &visits, {-2, 5}));
         EXPECT_TRUE(threader->DoJob(nullptr, nullptr, {0, 5}));
         EXPECT_TRUE(threader->DoJob(&RecordVisit, &visits, QelIntRange::Empty()));
         if (threader->IsThreaded())
-            std::sort(visits.order.begin(), visits.order.end());
-        EXPECT_EQ(visits.order, expected);
+            std::sort(visits.begin(), visits.end());
+        EXPECT_EQ(visits, std::vector<int>({-2, -1, 0, 1, 2, 3, 4, 5}));
         EXPECT_FALSE(threader->DoJob(&FaultAtSeven, nullptr, {0, 9}));
         EXPECT_TRUE(threader->DoJob(&FaultAtSeven, nullptr, {8, 20}));
     }
@@ -58,11 +49,11 @@ TEST(QelFunctionThreaderTest, EveryIndexRunsOnceWithAndWithoutAManager)
 
 TEST(QelFunctionThreaderTest, SplitRangeGivesEqualSharesAndTheRemainderToTheLast)
 {
-    struct Case {
+    constexpr int kLowest = std::numeric_limits<int>::min(), kHighest = std::numeric_limits<int>::max();
+    const struct {
         QelIntRange range;
         int threads, thread, first, last;  // last is one past the end
-    };
-    const Case cases[] = {
+    } cases[] = {
         {{0, 9}, 3, 2, 6, 10},
         {{-5, -4}, 4, 1, -5, -5},  // fewer indices than threads: empty shares,
         {{-5, -4}, 4, 3, -5, -3},  // and the last takes all
@@ -70,7 +61,7 @@ TEST(QelFunctionThreaderTest, SplitRangeGivesEqualSharesAndTheRemainderToTheLast
         {QelIntRange::Infinite(), 2, 1, kLowest + 0x3FFFFFFF, -1},
         {{0, 9}, 0, 0, 0, 10},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         int first = 12345, last = 12345;
         QelFunctionThreader::SplitRange(c.thread, c.threads, c.range, first, last);
         EXPECT_EQ(std::pair(first, last), std::pair(c.first, c.last)) << "case " << &c - cases;

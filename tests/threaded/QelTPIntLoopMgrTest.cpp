@@ -1,47 +1,113 @@
 #include "threaded/QelTPIntLoopMgr.h"
 
 #include "base/QelCrashReport.h"
+#include "threaded/QelImageStackOneStepImpl.h"
+#include "threaded/QelMTIntLoopMgrStepAdaptor.h"
 #include "threaded/QelSystemInfo.h"
 #include "threaded/imp/QelThreadPool.h"
-
-#include "LoggingWorkers.h"
 
 #include "support/BaseTestSupport.h"
 #include "support/RealFaults.h"
 
 #include <gtest/gtest.h>
 
-#include <limits>
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <mutex>
 #include <string>
 #include <tuple>
+#include <vector>
 
 namespace {
 
-using AssertException = QelThrowBugHandler::AssertException;
 using Mgr = QelTPIntLoopMgr;
-constexpr int kLowest = std::numeric_limits<int>::min();
-constexpr int kHighest = std::numeric_limits<int>::max();
+constexpr int kLowest = QelIntRange::kLowest, kHighest = QelIntRange::kHighest;
 
-// Memento test over every mode and several thread counts, on ranges that are a
-// single index, negative-based, a prime length, against either end of the
-// integers, and empty; then a loop that skips Setup and Finish.
+// Workers that log every (index, thread) they process and count their setups and
+// finishes; the factory counts the workers alive.
+class LoggingFactory final : public QelMTIntLoopWkrFactory {
+public:
+    struct Wkr final : QelMTIntLoopWkr {
+        explicit Wkr(LoggingFactory& owner) : factory(owner) { ++factory.live; }
+        ~Wkr() override { --factory.live; }
+        bool Setup() override { ++factory.setups; return ++setups > 0; }
+        bool Finish() override { ++factory.finishes; return ++finishes > 0; }
+        bool Process(int index, int thread) override
+        {
+            if (factory.beforeIndex)
+                factory.beforeIndex(index);
+            std::lock_guard lock(factory.lock);
+            factory.visits.emplace_back(index, thread);
+            return true;
+        }
+        LoggingFactory& factory;
+        int setups = 0, finishes = 0;
+    };
+
+    std::unique_ptr<QelMTIntLoopWkr> CreateWorker() override { return std::make_unique<Wkr>(*this); }
+
+    // The sorted indices `thread` processed (-1: any thread), forgetting them when `take`.
+    std::vector<int> IndicesOf(int thread, bool take = false)
+    {
+        std::vector<int> indices;
+        for (const auto& [index, by] : visits)
+            indices.insert(indices.end(), thread < 0 || by == thread ? 1 : 0, index);
+        std::sort(indices.begin(), indices.end());
+        if (take)
+            visits.clear();
+        return indices;
+    }
+
+    std::mutex lock;
+    std::vector<std::pair<int, int>> visits;
+    std::atomic<int> live{0}, setups{0}, finishes{0};  // the last two by all workers
+    std::function<void(int index)> beforeIndex;                  // set between loops
+};
+
+LoggingFactory::Wkr& WorkerOf(const Mgr& manager, int thread)
+{
+    return *static_cast<LoggingFactory::Wkr*>(manager.Worker(thread));
+}
+
+std::unique_ptr<Mgr> ReadyManager(int mode, int threads, LoggingFactory& factory)
+{
+    std::unique_ptr<Mgr> manager = Mgr::New(mode, threads);
+    manager->SetFactory(&factory);
+    EXPECT_TRUE(manager->CreateWorkers());
+    return manager;
+}
+
+std::vector<int> Indices(int first, int last)
+{
+    std::vector<int> indices;
+    for (long long index = first; index <= last; ++index)
+        indices.push_back(static_cast<int>(index));
+    return indices;
+}
+
+template <class Action>
+std::string AssertText(Action action)
+{
+    return CatchReport<QelThrowBugHandler::AssertException>(action).text;
+}
+
 class QelTPIntLoopMgrModesTest : public ::testing::TestWithParam<std::tuple<int, int>> {};
 
+// Ranges of a single index, negative-based, a prime length, against either end of
+// the integers and empty; then a loop that skips Setup and Finish.
 TEST_P(QelTPIntLoopMgrModesTest, EveryIndexRunsOnceAndEveryWorkerIsSetUpAndFinishedOncePerLoop)
 {
     const auto [mode, threads] = GetParam();
     LoggingFactory factory;
     const std::unique_ptr<Mgr> manager = ReadyManager(mode, threads, factory);
-    ASSERT_NE(manager, nullptr);
     const int count = manager->NumberOfThreads();
     EXPECT_EQ(count, mode == Mgr::kSerial ? 1 : threads);
 
     const QelIntRange ranges[] = {{5, 5}, {-7, 12}, {0, 1008}, {kLowest, kLowest + 6}, {kHighest - 6, kHighest}};
-    int loops = 0;
     for (const QelIntRange& range : ranges) {
         SCOPED_TRACE(::testing::PrintToString(range));
         ASSERT_TRUE(manager->DoLoop(range));
-        ++loops;
         for (const auto& [index, thread] : factory.visits)
             ASSERT_TRUE(thread >= 0 && thread < count) << thread;
         EXPECT_EQ(factory.IndicesOf(-1, true), Indices(range.Min, range.Max));
@@ -52,8 +118,8 @@ TEST_P(QelTPIntLoopMgrModesTest, EveryIndexRunsOnceAndEveryWorkerIsSetUpAndFinis
     manager->SetSkipFinish(true);
     EXPECT_TRUE(manager->DoLoop({0, 3}));
     for (int thread = 0; thread < count; ++thread) {
-        EXPECT_EQ(WorkerOf(*manager, thread).setups, loops);
-        EXPECT_EQ(WorkerOf(*manager, thread).finishes, loops);
+        EXPECT_EQ(WorkerOf(*manager, thread).setups, 5);
+        EXPECT_EQ(WorkerOf(*manager, thread).finishes, 5);
     }
 }
 
@@ -64,23 +130,9 @@ INSTANTIATE_TEST_SUITE_P(AllModes, QelTPIntLoopMgrModesTest,
                                     std::to_string(std::get<1>(info.param));
                          });
 
-TEST(QelTPIntLoopMgrTest, EachModeCutsTheRangeAsDocumented)
+TEST(QelTPIntLoopMgrTest, SplitGivesEqualConsecutiveSharesTheLastTakingTheRemainderEvenAllOfIt)
 {
     LoggingFactory factory;
-    // Interleaved: a single index goes to thread 0.
-    auto interleaved = ReadyManager(Mgr::kInterleaved, 4, factory);
-    ASSERT_TRUE(interleaved->DoLoop({3, 3}));
-    EXPECT_EQ(factory.IndicesOf(0, true), std::vector<int>{3});
-
-    // Chunked: runs of ChunkSize dealt out in turn.
-    auto chunked = ReadyManager(Mgr::kChunked, 2, factory);
-    ASSERT_TRUE(chunked->DoLoop({0, 39}));
-    std::vector<int> first = Indices(0, 15);
-    first.insert(first.end(), {32, 33, 34, 35, 36, 37, 38, 39});
-    EXPECT_EQ(factory.IndicesOf(0), first);
-    EXPECT_EQ(factory.IndicesOf(1, true), Indices(16, 31));
-
-    // Split: equal consecutive shares, the last taking the remainder, even all of it.
     auto split = ReadyManager(Mgr::kSplit, 3, factory);
     ASSERT_TRUE(split->DoLoop({0, 9}));
     EXPECT_EQ(factory.IndicesOf(0), Indices(0, 2));
@@ -90,17 +142,32 @@ TEST(QelTPIntLoopMgrTest, EachModeCutsTheRangeAsDocumented)
     EXPECT_EQ(factory.IndicesOf(2), Indices(0, 1));
 }
 
-TEST(QelTPIntLoopMgrTest, ThreadCountZeroFollowsTheRenderThreadCount)
+// Other vendors keep no cache size, so hyper-threading falls back to the cores.
+TEST(QelSystemInfoTest, HyperThreadsCountOnlyWithALargeCacheAndThreadCountZeroFollowsPinsThatNest)
 {
-    LoggingFactory factory;
-    {
-        const QelRenderThreadCountPin oneProcessor(1);
-        auto manager = ReadyManager(Mgr::kInterleaved, 0, factory);
-        EXPECT_EQ(manager->Mode(), Mgr::kSerial);
-    }
-    const QelRenderThreadCountPin threeProcessors(3);
-    EXPECT_EQ(Mgr::New(Mgr::kInterleaved, 0)->NumberOfThreads(), 3);
+    const auto threadsFor = [](std::uint32_t logical, std::uint32_t cores, std::int32_t cacheKB) {
+        QelSystemInfo::Facts facts;
+        facts.LogicalCount = logical;
+        facts.CoreCount = cores;
+        facts.CacheSizeKB = cacheKB;
+        return QelSystemInfo(facts).RenderThreadCount();
+    };
+    EXPECT_EQ(threadsFor(8, 4, 512), 8);
+    EXPECT_EQ(threadsFor(8, 4, 256), 4);
+    EXPECT_EQ(threadsFor(16, 8, 0), 8);
+
+    const int machine = QelSystemInfo::Instance().RenderThreadCount();
     EXPECT_EQ(Mgr::New(Mgr::kSplit, -1)->Mode(), Mgr::kSerial);
+    {
+        const QelRenderThreadCountPin outer(3);
+        const QelRenderThreadCountPin inner(1);
+        EXPECT_EQ(Mgr::New(Mgr::kInterleaved, 0)->Mode(), Mgr::kSerial);
+    }
+    {
+        const QelRenderThreadCountPin outer(machine + 3);
+        EXPECT_EQ(Mgr::New(Mgr::kInterleaved, 0)->NumberOfThreads(), machine + 3);
+    }
+    EXPECT_EQ(QelSystemInfo::Instance().RenderThreadCount(), machine);
 }
 
 // A manager deleted right after its loop meets pool threads that are still
@@ -115,13 +182,15 @@ TEST(QelTPIntLoopMgrTest, WorkersAreReplacedByCreateWorkersAndAllDeletedWithTheM
         ASSERT_TRUE(manager->DoLoop({0, 2}));
     }
     EXPECT_EQ(factory.live, 0);
-    EXPECT_EQ(factory.made, 100 * 2 * (1 + 3));
 }
 
-TEST(QelTPIntLoopMgrTest, ARefusedWorkItemFailsTheLoopWithoutFaultData)
+// A refused work item fails the loop without fault data. After a fault the manager
+// reports the highest thread's latest fault, even when that thread didn't fault
+// this time.
+TEST(QelTPIntLoopMgrTest, RefusalsAndFaultsFailOneLoopAndLeaveTheManagerUsable)
 {
     LoggingFactory factory;
-    auto manager = ReadyManager(Mgr::kDynamic, 3, factory);
+    auto manager = ReadyManager(Mgr::kInterleaved, 2, factory);
     {
         const QelThreadPoolLimit onlyOne(1);
         EXPECT_FALSE(manager->DoLoop({0, 9}));
@@ -129,16 +198,7 @@ TEST(QelTPIntLoopMgrTest, ARefusedWorkItemFailsTheLoopWithoutFaultData)
     EXPECT_FALSE(manager->Failed());
     EXPECT_EQ(manager->ExceptionCode(), 0u);
     EXPECT_TRUE(factory.visits.empty());
-    EXPECT_TRUE(manager->DoLoop({0, 9}));
-    EXPECT_EQ(factory.visits.size(), 10u);
-}
 
-// The manager reports the highest thread's latest fault, even when that thread
-// didn't fault this time.
-TEST(QelTPIntLoopMgrTest, AFaultEndsOneSharePassesTheOthersAndLeavesTheManagerUsable)
-{
-    LoggingFactory factory;
-    auto manager = ReadyManager(Mgr::kInterleaved, 2, factory);
     factory.beforeIndex = [](int index) {
         if (index == 1)
             WriteToForbiddenPage();
@@ -160,6 +220,10 @@ TEST(QelTPIntLoopMgrTest, AFaultEndsOneSharePassesTheOthersAndLeavesTheManagerUs
     EXPECT_FALSE(manager->DoLoop({0, 9}));
     EXPECT_TRUE(IsInside(manager->ExceptionAddress(), &WriteToForbiddenPage));
 
+    factory.beforeIndex = [](int index) { QEL_ASSERT(index != 5, "Bad index %d\n", index); };
+    EXPECT_EQ(AssertText([&] { (void)manager->DoLoop({0, 9}); }), "Bad index 5\n");
+    EXPECT_TRUE(manager->Failed());
+
     factory.beforeIndex = nullptr;
     factory.visits.clear();
     EXPECT_TRUE(manager->DoLoop({0, 99}));
@@ -167,38 +231,122 @@ TEST(QelTPIntLoopMgrTest, AFaultEndsOneSharePassesTheOthersAndLeavesTheManagerUs
     EXPECT_EQ(factory.visits.size(), 100u);
 }
 
-TEST(QelTPIntLoopMgrTest, ABugReportInAWorkerIsThrownOnTheCaller)
+// Steps through a list of results, one per step.
+struct ScriptedContinuation final : QelContinuation {
+    explicit ScriptedContinuation(std::vector<bool> stepResults) : results(std::move(stepResults)) {}
+    bool Step() override { return results[steps++]; }
+    [[nodiscard]] bool IsDone() const override { return steps == results.size(); }
+    std::vector<bool> results;
+    std::size_t steps = 0;
+};
+
+class CountingDraw final : public QelImageStackOneStepImpl {
+public:
+    bool Draw(QelImageStack* stack, QelRenderSpec* spec) override { return stack && spec && ++draws == 1; }
+    int draws = 0;
+};
+
+// Go must not stop at the first failed step, nor step a finished continuation; a
+// one-step draw draws once per start, and its result is that of the draw.
+TEST(QelContinuationTest, GoRunsEveryStepLeftAndKeepsAFailureToTheEnd)
 {
-    LoggingFactory factory;
-    auto manager = ReadyManager(Mgr::kDynamic, 3, factory);
-    factory.beforeIndex = [](int index) { QEL_ASSERT(index != 5, "Bad index %d\n", index); };
-    EXPECT_EQ(CatchReport<AssertException>([&] { (void)manager->DoLoop({0, 9}); }).text, "Bad index 5\n");
-    EXPECT_TRUE(manager->Failed());
-    factory.beforeIndex = nullptr;
-    EXPECT_TRUE(manager->DoLoop({0, 9}));
+    ScriptedContinuation failing({true, false, true}), done({});
+    EXPECT_FALSE(failing.Go());
+    EXPECT_EQ(failing.steps, 3u);
+    EXPECT_TRUE(done.Go());
+    EXPECT_EQ(done.steps, 0u);
+
+    CountingDraw renderer;
+    auto* stack = reinterpret_cast<QelImageStack*>(0x10);
+    auto* spec = reinterpret_cast<QelRenderSpec*>(0x20);
+    ASSERT_TRUE(renderer.StartDraw(stack, spec));
+    EXPECT_FALSE(renderer.IsDone());
+    EXPECT_TRUE(renderer.Step());
+    EXPECT_TRUE(renderer.Step() && renderer.IsDone());
+    ASSERT_TRUE(renderer.StartDraw(stack, spec));
+    EXPECT_FALSE(renderer.Go());
+    EXPECT_EQ(renderer.draws, 2);
 }
 
-TEST(QelTPIntLoopMgrTest, MisuseIsReportedWithItsText)
+// The workers' state lives across the blocks of one run: Setup only before the
+// first block, Finish only after the last. An aborted run starts afresh.
+TEST(QelStepAdaptorTest, BlocksRunInStepsWithOneSetupBeforeAndOneFinishAfterTheRun)
 {
-    const auto textOf = [](auto&& action) { return CatchReport<AssertException>(action).text; };
     LoggingFactory factory;
+    const auto manager = ReadyManager(Mgr::kInterleaved, 3, factory);
+    const auto adaptor = QelMTIntLoopMgrStepAdaptor::New(manager.get());
+    const auto phases = [&] { return std::pair(factory.setups / 3, factory.finishes / 3); };
 
+    adaptor->SetLoopRange({0, 49});
+    EXPECT_TRUE(adaptor->IsDone());
+    const struct {
+        int first, last, finishes;
+        double fraction;
+    } steps[] = {{0, 19, 0, 0.4}, {20, 39, 0, 0.8}, {40, 49, 1, 1.0}};
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.first);
+        ASSERT_TRUE(adaptor->Step());
+        EXPECT_EQ(factory.IndicesOf(-1, true), Indices(step.first, step.last));
+        EXPECT_EQ(phases(), std::pair(1, step.finishes));
+        EXPECT_DOUBLE_EQ(adaptor->GetProgress()->Fraction(), step.fraction);
+    }
+    EXPECT_TRUE(adaptor->IsDone());
+    ASSERT_TRUE(adaptor->Go());
+    EXPECT_EQ(factory.IndicesOf(-1, true), Indices(0, 49));
+    EXPECT_EQ(phases(), std::pair(2, 2));
+
+    // The empty range runs no worker.
+    adaptor->SetLoopRange(QelIntRange::Empty());
+    EXPECT_TRUE(adaptor->Step() && adaptor->IsDone());
+    EXPECT_EQ(phases(), std::pair(2, 2));
+
+    adaptor->SetBlockSize(4);
+    adaptor->SetLoopRange({0, 9});
+    ASSERT_TRUE(adaptor->Step());
+    adaptor->Abort();
+    EXPECT_TRUE(adaptor->IsDone());
+    factory.visits.clear();
+    ASSERT_TRUE(adaptor->Step());
+    EXPECT_EQ(factory.IndicesOf(-1, true), Indices(0, 3));
+    EXPECT_EQ(phases().first, 4);
+
+    // Blocks stop at the end of the indices without overflow.
+    constexpr int kTop = QelIntRange::kHighest - 1;  // kHighest itself means "no bound"
+    adaptor->Abort();
+    adaptor->SetBlockSize(QelIntRange::kHighest);
+    adaptor->SetLoopRange({kTop - 2, kTop});
+    ASSERT_TRUE(adaptor->Step());
+    EXPECT_TRUE(adaptor->IsDone());
+    EXPECT_EQ(factory.IndicesOf(-1), Indices(kTop - 2, kTop));
+}
+
+TEST(QelTPIntLoopMgrTest, MisuseOfTheManagerAndItsStepAdaptorIsReportedWithItsText)
+{
+    LoggingFactory factory;
     auto serial = Mgr::New(Mgr::kSerial, -1);
-    EXPECT_EQ(textOf([&] { serial->SetFactory(nullptr); }), "QelTPIntLoopMgr::SetFactory()\n  Null factory argument\n");
-    EXPECT_EQ(textOf([&] { (void)serial->CreateWorkers(); }),
+    EXPECT_EQ(AssertText([&] { (void)serial->CreateWorkers(); }),
               "QelTPIntLoopMgr::CreateWorkers()\n  Factory not set (SetFactory not called?)\n");
-    EXPECT_EQ(textOf([&] { (void)serial->DoLoop({0, 3}); }),
+    EXPECT_EQ(AssertText([&] { (void)serial->DoLoop({0, 3}); }),
               "QelTPIntLoopMgr::DoLoop()\n  Worker not set (CreateWorkers not called?)\n");
-    EXPECT_EQ(textOf([&] { (void)serial->DoLoop({5, 3}); }), "QelTPIntLoopMgr::DoLoop()\n  Invalid loop range\n");
+    EXPECT_EQ(AssertText([&] { (void)serial->DoLoop({5, 3}); }), "QelTPIntLoopMgr::DoLoop()\n  Invalid loop range\n");
 
     // One thread: the bug handler has one message buffer, which two threads
     // reporting at once would share.
     auto threaded = Mgr::New(Mgr::kDynamic, 1);
     threaded->SetFactory(&factory);
-    EXPECT_EQ(textOf([&] { (void)threaded->DoLoop({0, 3}); }),
+    EXPECT_EQ(AssertText([&] { (void)threaded->DoLoop({0, 3}); }),
               "QelTPIntLoopMgr::WkrThread::Go()\n  Worker not set (CreateWorkers not called?)\n");
-    EXPECT_EQ(textOf([] { (void)Mgr::New(Mgr::kDynamic, -3); }),
-              "QelTPIntLoopMgr::CreateThreads()\n  Failed to to allocate threads array\n");
+
+    serial->SetFactory(&factory);
+    ASSERT_TRUE(serial->CreateWorkers());
+    auto adaptor = QelMTIntLoopMgrStepAdaptor::New(serial.get());
+    adaptor->SetLoopRange({0, 99});
+    ASSERT_TRUE(adaptor->Step());
+    EXPECT_EQ(AssertText([&] { adaptor->SetLoopRange({0, 9}); }),
+              "QelMTIntLoopMgrStepAdaptor::SetLoopRange()\n  This method must not be called while stepping\n");
+    EXPECT_EQ(AssertText([&] { (void)adaptor->Go(); }),
+              "QelMTIntLoopMgrStepAdaptor::Go()\n  This method must not be called while stepping\n");
+    EXPECT_EQ(adaptor->LoopRange(), QelIntRange(0, 99));
 }
 
 }  // namespace
