@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <cstring>
 #include <new>
 
 namespace {
@@ -66,11 +68,14 @@ bool QelSlabHelperBase::Init(const QelImageStack& stack, const QelMatrix34& view
     const std::int32_t lastFixedZ = std::max(accelerator->LastFixedZ(), 0);
     const std::int32_t coarseCount = (lastFixedZ >> 16) + 1;
     const std::size_t sliceBytes = sizeof(QelSlabSlice) * (std::size_t(count) + kSlabSentinels);
-    m_tables = m_memoryManager->Alloc(sliceBytes + sizeof(std::int32_t) * std::size_t(coarseCount));
+    const std::size_t columnLength = std::size_t(count) + kSlabColumnPad;
+    const std::size_t coarseLength = std::size_t(coarseCount) + kSlabColumnPad;
+    m_tables = m_memoryManager->Alloc(sliceBytes + sizeof(std::int32_t) * (kColumns * columnLength + coarseLength));
     if (!m_tables)
         return false;
     auto* slices = static_cast<QelSlabSlice*>(m_tables);
-    auto* coarse = reinterpret_cast<std::int32_t*>(static_cast<std::uint8_t*>(m_tables) + sliceBytes);
+    auto* columns = reinterpret_cast<std::int32_t*>(static_cast<std::uint8_t*>(m_tables) + sliceBytes);
+    std::int32_t* coarse = columns + kColumns * columnLength;
     const QelFixedPointSliceRecord* records = accelerator->Records();
     for (std::int32_t k = 0; k < count; ++k) {
         const bool last = k == count - 1;
@@ -84,13 +89,34 @@ bool QelSlabHelperBase::Init(const QelImageStack& stack, const QelMatrix34& view
     }
     for (std::int32_t k = count; k < count + kSlabSentinels; ++k)
         slices[k] = {nullptr, 0, INT32_MAX, INT32_MAX, 0.0f, -1, nullptr, 0};
+    std::int32_t coarseSteps = 0;
     for (std::int32_t unit = 0, k = 0; unit < coarseCount; ++unit) {
         while (k + 1 < count && slices[k + 1].FixedZ <= (unit << 16))
             ++k;
         coarse[unit] = k;
+        // The longest walk from this entry: to the slice of the range's last z.
+        const std::int32_t end = std::min(lastFixedZ, static_cast<std::int32_t>((std::int64_t{unit} << 16) + 0xFFFF));
+        std::int32_t walk = k;
+        while (end >= slices[walk].GapEnd)
+            ++walk;
+        coarseSteps = std::max(coarseSteps, walk - k);
     }
+    for (std::size_t i = std::size_t(coarseCount); i < coarseLength; ++i)
+        coarse[i] = coarse[coarseCount - 1];
     m_volume.Slices = slices;
     m_volume.Coarse = coarse;
+    m_columns = columns;
+    m_columnLength = columnLength;
+    QelSlabColumns& column = m_volume.Columns;
+    column = {columns, columns + columnLength, columns + 2 * columnLength, columns + 3 * columnLength,
+              columns + 4 * columnLength, coarse, coarseSteps};
+    for (std::size_t k = 0; k < columnLength; ++k) {
+        const QelSlabSlice& slice = slices[std::min<std::size_t>(k, std::size_t(count))];
+        columns[k] = slice.FixedZ;
+        columns[columnLength + k] = slice.GapEnd;
+        std::memcpy(&columns[2 * columnLength + k], &slice.GapFactor, sizeof(float));
+        columns[4 * columnLength + k] = slice.Missing;
+    }
     m_volume.Count = count;
     m_volume.LastFixedZ = lastFixedZ;
     for (std::int32_t k = 0; k < count && !m_volume.SafeOrigin; ++k) {
@@ -168,6 +194,10 @@ void QelSlabHelperBase::SetSegmentReach(std::int64_t reach) noexcept
         }
         slice.SegmentBase = segment;
     }
+    // Past the last slice every window reads the first sentinel's offset.
+    std::int32_t* offsets = m_columns + 3 * m_columnLength;
+    for (std::size_t k = 0; k < m_columnLength; ++k)
+        offsets[k] = m_slices[std::min<std::size_t>(k, std::size_t(m_volume.Count))].SegmentOffset;
 }
 
 QelFixedPoint3 QelSlabHelperBase::PixelPosition(std::int32_t x, std::int32_t y) const

@@ -6,6 +6,7 @@
 #include "mpr/imp/QelSlabAccumulators.h"
 #include "mpr/imp/QelSlabSample.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <type_traits>
 
@@ -75,6 +76,10 @@ private:
 
     void* m_tables = nullptr;  // slices and coarse index, from the memory manager
     QelSlabSlice* m_slices = nullptr;  // in m_tables
+    // The volume's columns, kColumns of m_columnLength entries each, in m_tables.
+    static constexpr std::size_t kColumns = 5;
+    std::int32_t* m_columns = nullptr;
+    std::size_t m_columnLength = 0;
     QelSlabVolume m_volume{};
     std::int32_t m_width = 0;
     std::int32_t m_height = 0;

@@ -34,6 +34,25 @@ struct QelSlabSlice {
 
 constexpr std::int32_t kSlabSentinels = 3;
 
+/// The slices again, one column per field, for bodies that look up a slice for
+/// every lane at once by permuting a window of a column held in one register. A
+/// window starts at any slice (or the one after it) and is as long as the widest
+/// register, so each column runs kSlabColumnPad entries past the last slice, with the
+/// sentinels' values; Coarse runs as far past its last entry, repeating it.
+constexpr std::int32_t kSlabColumnPad = 17;
+
+struct QelSlabColumns {
+    const std::int32_t* FixedZ;
+    const std::int32_t* GapEnd;
+    const std::int32_t* GapFactor;  // the bits of the float
+    const std::int32_t* SegmentOffset;
+    const std::int32_t* Missing;
+    const std::int32_t* Coarse;
+    // How many slices past Coarse's entry a walk within one entry's range can go:
+    // 1 for evenly spaced slices, more where gaps are far narrower than the widest.
+    std::int32_t CoarseSteps;
+};
+
 /// What the bodies read of the stack. Owned by the helper.
 struct QelSlabVolume {
     // Count + kSlabSentinels entries: those past the last slice have no image and a
@@ -43,6 +62,7 @@ struct QelSlabVolume {
     // below the entry's start. A lookup walks up from there, so a stale hint never
     // costs a long walk.
     const std::int32_t* Coarse;
+    QelSlabColumns Columns;
     // Some slice with an image: lanes without a sample read its first two pixels of
     // its first two rows instead of branching, and throw the result away.
     const std::uint8_t* SafeOrigin;

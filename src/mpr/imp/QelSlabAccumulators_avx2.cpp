@@ -12,6 +12,12 @@ struct V {
     using I = __m256i;
     static constexpr int kLanes = 8;
 
+    static constexpr bool kPermutes = true;
+    // Lane i of the result is lane index[i] of table.
+    static I Permute(I table, I index) noexcept { return _mm256_permutevar8x32_epi32(table, index); }
+    static I Min(I a, I b) noexcept { return _mm256_min_epi32(a, b); }
+    static I Max(I a, I b) noexcept { return _mm256_max_epi32(a, b); }
+
     static I Set1(std::int32_t v) noexcept { return _mm256_set1_epi32(v); }
     static I Set1_16(std::int16_t v) noexcept { return _mm256_set1_epi16(v); }
     static I Lanes() noexcept { return _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7); }

@@ -12,6 +12,9 @@ struct V {
     using I = __m128i;
     static constexpr int kLanes = 4;
 
+    // No variable permute before SSSE3: slices are looked up by compares alone.
+    static constexpr bool kPermutes = false;
+
     static I Set1(std::int32_t v) noexcept { return _mm_set1_epi32(v); }
     static I Set1_16(std::int16_t v) noexcept { return _mm_set1_epi16(v); }
     static I Lanes() noexcept { return _mm_setr_epi32(0, 1, 2, 3); }

@@ -16,6 +16,7 @@
 
 #include "mpr/imp/QelSlabAccumulators.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -308,6 +309,82 @@ typename V::I FloatBits(float value) noexcept
 // before the group goes lane by lane.
 constexpr std::int32_t kLongestRun = 6;
 
+// What each lane found of its slices: the lower slice's fixed z and gap factor, the
+// segment offsets and missing flags of both slices.
+template <class V>
+struct RunSlices {
+    typename V::I zLow, factor, lower, upper, lowerMissing, upperMissing;
+};
+
+// From the lanes' slices on: the z fraction, the on-slice rule and the reads. `valid`
+// holds the active lanes whose z lies within the slices; the upper slice of a lane
+// at or above the last slice's fixed z is a sentinel, which has no image.
+template <class V, class Lanes>
+[[gnu::always_inline]] inline void FinishRun(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& c,
+                                             typename V::I x, typename V::I y, typename V::I z,
+                                             RunSlices<V> run, typename V::I active, typename V::I valid,
+                                             const std::uint8_t* base) noexcept
+{
+    using I = typename V::I;
+    const I above = V::Sub(z, run.zLow);
+    // On a slice: that slice alone, so only its voxels are tested for padding.
+    const I onSlice = V::CmpEq(above, c.zero);
+    run.upper = V::Select(onSlice, run.upper, run.lower);
+    run.upperMissing = V::Select(onSlice, run.upperMissing, run.lowerMissing);
+    valid = V::AndNot(V::Or(run.lowerMissing, run.upperMissing), valid);
+    const int activeBits = V::MoveMask(active);
+    const bool sameSlices = (V::MoveMask(onSlice) & activeBits) == activeBits;
+    const I fz = V::template Srli<3>(V::TruncMulBits(above, run.factor));
+    FinishIndexed<V>(lanes, volume, c, x, y, fz, base, run.lower, base, run.upper, valid, sameSlices);
+}
+
+// The lanes' slices by permutes of windows of the volume's columns, with no walk per
+// lane: each lane starts from the coarse entry of its z and steps past at most
+// CoarseSteps gaps, all lanes at once. `low` and `high` are the lowest and highest
+// z of the lanes; false, with nothing done, when the lanes' entries or slices don't
+// fit one window or their slices lie in more than one segment. Lanes outside the
+// slices only read slices of the window and drop out.
+template <class V, class Lanes>
+[[gnu::always_inline]] inline bool SampleByPermutes(Lanes& lanes, const QelSlabVolume& volume,
+                                                    const Constants<V>& c, typename V::I x, typename V::I y,
+                                                    typename V::I z, typename V::I active, std::int32_t low,
+                                                    std::int32_t high, std::int32_t& k) noexcept
+{
+    using I = typename V::I;
+    constexpr int N = V::kLanes;
+    const QelSlabColumns& columns = volume.Columns;
+    const std::int32_t last = volume.LastFixedZ;
+    const std::int32_t lowEntry = (low < 0 ? 0 : low) >> 16;
+    const std::int32_t highEntry = (high > last ? last : high) >> 16;
+    if (highEntry - lowEntry >= N)
+        return false;
+    const std::int32_t first = columns.Coarse[lowEntry];
+    const std::int32_t bound = std::min(columns.Coarse[highEntry] + columns.CoarseSteps, volume.Count - 1);
+    const QelSlabSlice* slices = volume.Slices;
+    if (bound - first >= N || slices[first].SegmentBase != slices[bound + 1].SegmentBase)
+        return false;
+    const I clamped = V::Max(V::Min(z, V::Set1(last)), c.zero);
+    I slice = V::Sub(V::Permute(V::Load(columns.Coarse + lowEntry), V::Sub(V::template Srai<16>(clamped),
+                                                                             V::Set1(lowEntry))),
+                     V::Set1(first));
+    // A z at or past its gap's end moves on: the highest of equal slices wins, as in
+    // QelSlabFindSlice.
+    const I gapEnds = V::Load(columns.GapEnd + first);
+    for (std::int32_t step = 0; step < columns.CoarseSteps; ++step)
+        slice = V::Sub(slice, V::AndNot(V::CmpGt(V::Permute(gapEnds, slice), clamped), c.ones));
+    RunSlices<V> run;
+    run.zLow = V::Permute(V::Load(columns.FixedZ + first), slice);
+    run.factor = V::Permute(V::Load(columns.GapFactor + first), slice);
+    run.lower = V::Permute(V::Load(columns.SegmentOffset + first), slice);
+    run.upper = V::Permute(V::Load(columns.SegmentOffset + first + 1), slice);
+    run.lowerMissing = V::Permute(V::Load(columns.Missing + first), slice);
+    run.upperMissing = V::Permute(V::Load(columns.Missing + first + 1), slice);
+    const I inside = V::AndNot(V::CmpGt(z, V::Set1(last)), V::CmpGt(z, c.ones));
+    k = first;
+    FinishRun<V>(lanes, volume, c, x, y, z, run, active, V::And(active, inside), slices[first].SegmentBase);
+    return true;
+}
+
 // One sample in each of the first m lanes, at z = zFirst + lane * dz. `k` is the
 // slice hint, left at a slice found.
 template <class V, class Lanes>
@@ -326,6 +403,10 @@ void SampleLanes(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& 
         const std::int32_t high = dz >= 0 ? static_cast<std::int32_t>(zLast) : zFirst;
         if (high < 0 || low > volume.LastFixedZ)
             return;
+        if constexpr (V::kPermutes) {
+            if (SampleByPermutes<V>(lanes, volume, c, x, y, z, active, low, high, k))
+                return;
+        }
         std::int32_t lowSlice = k;
         QelSlabFindSlice(volume, low < 0 ? 0 : low, lowSlice);
         std::int32_t highSlice = lowSlice;
@@ -335,37 +416,24 @@ void SampleLanes(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& 
         // One segment holds the whole run unless the run crosses into slices that
         // were allocated far away, which go lane by lane.
         if (highSlice - lowSlice <= kLongestRun && slices[lowSlice].SegmentBase == slices[highSlice + 1].SegmentBase) {
-            I zLow = V::Set1(slices[lowSlice].FixedZ);
-            I factor = FloatBits<V>(slices[lowSlice].GapFactor);
-            I lower = V::Set1(slices[lowSlice].SegmentOffset);
-            I upper = V::Set1(slices[lowSlice + 1].SegmentOffset);
-            I lowerMissing = V::Set1(slices[lowSlice].Missing);
-            I upperMissing = V::Set1(slices[lowSlice + 1].Missing);
+            RunSlices<V> run{V::Set1(slices[lowSlice].FixedZ),       FloatBits<V>(slices[lowSlice].GapFactor),
+                             V::Set1(slices[lowSlice].SegmentOffset), V::Set1(slices[lowSlice + 1].SegmentOffset),
+                             V::Set1(slices[lowSlice].Missing),       V::Set1(slices[lowSlice + 1].Missing)};
             // A lane at or above the next slice's fixed z belongs to its gap, so the
             // highest of equal slices wins, as in QelSlabFindSlice.
             for (std::int32_t next = lowSlice + 1; next <= highSlice; ++next) {
                 const I beyond = V::CmpGt(z, V::Set1(slices[next].FixedZ - 1));
-                zLow = V::Select(beyond, zLow, V::Set1(slices[next].FixedZ));
-                factor = V::Select(beyond, factor, FloatBits<V>(slices[next].GapFactor));
-                lower = V::Select(beyond, lower, V::Set1(slices[next].SegmentOffset));
-                upper = V::Select(beyond, upper, V::Set1(slices[next + 1].SegmentOffset));
-                lowerMissing = V::Select(beyond, lowerMissing, V::Set1(slices[next].Missing));
-                upperMissing = V::Select(beyond, upperMissing, V::Set1(slices[next + 1].Missing));
+                run.zLow = V::Select(beyond, run.zLow, V::Set1(slices[next].FixedZ));
+                run.factor = V::Select(beyond, run.factor, FloatBits<V>(slices[next].GapFactor));
+                run.lower = V::Select(beyond, run.lower, V::Set1(slices[next].SegmentOffset));
+                run.upper = V::Select(beyond, run.upper, V::Set1(slices[next + 1].SegmentOffset));
+                run.lowerMissing = V::Select(beyond, run.lowerMissing, V::Set1(slices[next].Missing));
+                run.upperMissing = V::Select(beyond, run.upperMissing, V::Set1(slices[next + 1].Missing));
             }
-            const I above = V::Sub(z, zLow);
-            // On a slice: that slice alone, so only its voxels are tested for padding.
-            const I onSlice = V::CmpEq(above, c.zero);
-            upper = V::Select(onSlice, upper, lower);
-            upperMissing = V::Select(onSlice, upperMissing, lowerMissing);
             // Below the first slice a lane drops out here; above the last one its
             // upper slice is a sentinel, which has no image.
-            I valid = V::And(active, V::CmpGt(z, c.ones));
-            valid = V::AndNot(V::Or(lowerMissing, upperMissing), valid);
-            const int activeBits = V::MoveMask(active);
-            const bool sameSlices = (V::MoveMask(onSlice) & activeBits) == activeBits;
-            const I fz = V::template Srli<3>(V::TruncMulBits(above, factor));
-            const std::uint8_t* base = slices[lowSlice].SegmentBase;
-            FinishIndexed<V>(lanes, volume, c, x, y, fz, base, lower, base, upper, valid, sameSlices);
+            FinishRun<V>(lanes, volume, c, x, y, z, run, active, V::And(active, V::CmpGt(z, c.ones)),
+                         slices[lowSlice].SegmentBase);
             return;
         }
     }
