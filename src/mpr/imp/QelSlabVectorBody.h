@@ -568,65 +568,88 @@ void UnitStepRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, const
     constexpr int kRound = 2 * V::kLanes;
     // Pixel j sits at column (x0 >> 16) + j: the steps are whole voxels.
     const std::ptrdiff_t column = std::ptrdiff_t{x0 >> 16} * 2;
-    const std::ptrdiff_t lowerPitch = pair.LowerBytesPerLine;
-    const std::ptrdiff_t upperPitch = pair.UpperBytesPerLine;
-    const std::uint8_t* lower = pair.Lower + std::ptrdiff_t{y >> 16} * lowerPitch + column;
-    const std::uint8_t* upper = pair.Upper + std::ptrdiff_t{y >> 16} * upperPitch + column;
+    const std::uint8_t* lower = pair.Lower + std::ptrdiff_t{y >> 16} * pair.LowerBytesPerLine + column;
+    const std::uint8_t* upper = pair.Upper + std::ptrdiff_t{y >> 16} * pair.UpperBytesPerLine + column;
     const QelSlabWeights w = QelSlabCornerWeights(QelSlabFraction(x0), QelSlabFraction(y), pair.Fz);
     const auto weightPair = [](std::uint16_t low, std::uint16_t high) {
         return V::Set1(static_cast<std::int32_t>(low | (std::uint32_t{high} << 16)));
     };
-    std::int32_t j = first;
-    if ((x0 & 0xFFFF) == 0 && (y & 0xFFFF) == 0 && !volume.HasPadding) {
-        // On a voxel only z interpolates: the weights of the x and y neighbours are
-        // 0, and without padding nothing else needs those corners.
-        const I weights = weightPair(w.W[0], w.W[4]);
-        for (; j + kRound - 1 <= last; j += kRound) {
-            const I a = V::Sub16(V::Load(lower + 2 * std::ptrdiff_t{j}), c.bias16);
-            const I b = V::Sub16(V::Load(upper + 2 * std::ptrdiff_t{j}), c.bias16);
-            TakeInRound<V>(row, j, c, policy.Sum,
-                           Values16<V>(V::Madd(V::Unpack16Lo(a, b), weights), V::Madd(V::Unpack16Hi(a, b), weights), c),
+    // On a voxel only z interpolates: the weights of the x and y neighbours are 0,
+    // and without padding nothing else needs those corners.
+    const bool zOnly = (x0 & 0xFFFF) == 0 && (y & 0xFFFF) == 0 && !volume.HasPadding;
+    const I zWeights = weightPair(w.W[0], w.W[4]);
+    const I lower0 = weightPair(w.W[0], w.W[1]);
+    const I lower1 = weightPair(w.W[2], w.W[3]);
+    const I upper0 = weightPair(w.W[4], w.W[5]);
+    const I upper1 = weightPair(w.W[6], w.W[7]);
+    // On a slice the upper weights are 0 and the upper slice is the lower one.
+    const bool twoSlices = !pair.OnSlice;
+
+    // kRound pixels whose first one's corners are at l (lower slice) and u (upper
+    // slice), rows lp and up bytes apart, taken into pixel t onwards of `into`.
+    const auto takeRound = [&](const std::uint8_t* l, std::ptrdiff_t lp, const std::uint8_t* u, std::ptrdiff_t up,
+                               const QelSlabRow& into, std::int32_t t) {
+        if (zOnly) {
+            const I a = V::Sub16(V::Load(l), c.bias16);
+            const I b = V::Sub16(V::Load(u), c.bias16);
+            TakeInRound<V>(into, t, c, policy.Sum,
+                           Values16<V>(V::Madd(V::Unpack16Lo(a, b), zWeights), V::Madd(V::Unpack16Hi(a, b), zWeights), c),
                            c.ones);
+            return;
         }
-    } else {
-        const I lower0 = weightPair(w.W[0], w.W[1]);
-        const I lower1 = weightPair(w.W[2], w.W[3]);
-        const I upper0 = weightPair(w.W[4], w.W[5]);
-        const I upper1 = weightPair(w.W[6], w.W[7]);
-        // On a slice the upper weights are 0 and the upper slice is the lower one.
-        const bool twoSlices = !pair.OnSlice;
-        for (; j + kRound - 1 <= last; j += kRound) {
-            const std::uint8_t* l = lower + 2 * std::ptrdiff_t{j};
-            const I l0 = V::Load(l), l1 = V::Load(l + 2);
-            const I l2 = V::Load(l + lowerPitch), l3 = V::Load(l + lowerPitch + 2);
-            I hits = V::Or(V::Or(V::CmpEq16(l0, c.padding16), V::CmpEq16(l1, c.padding16)),
-                           V::Or(V::CmpEq16(l2, c.padding16), V::CmpEq16(l3, c.padding16)));
-            I low = V::Add(V::Madd(V::Unpack16Lo(V::Sub16(l0, c.bias16), V::Sub16(l1, c.bias16)), lower0),
-                           V::Madd(V::Unpack16Lo(V::Sub16(l2, c.bias16), V::Sub16(l3, c.bias16)), lower1));
-            I high = V::Add(V::Madd(V::Unpack16Hi(V::Sub16(l0, c.bias16), V::Sub16(l1, c.bias16)), lower0),
-                            V::Madd(V::Unpack16Hi(V::Sub16(l2, c.bias16), V::Sub16(l3, c.bias16)), lower1));
-            if (twoSlices) {
-                const std::uint8_t* u = upper + 2 * std::ptrdiff_t{j};
-                const I u0 = V::Load(u), u1 = V::Load(u + 2);
-                const I u2 = V::Load(u + upperPitch), u3 = V::Load(u + upperPitch + 2);
-                hits = V::Or(hits, V::Or(V::Or(V::CmpEq16(u0, c.padding16), V::CmpEq16(u1, c.padding16)),
-                                         V::Or(V::CmpEq16(u2, c.padding16), V::CmpEq16(u3, c.padding16))));
-                low = V::Add(low, V::Add(V::Madd(V::Unpack16Lo(V::Sub16(u0, c.bias16), V::Sub16(u1, c.bias16)), upper0),
-                                         V::Madd(V::Unpack16Lo(V::Sub16(u2, c.bias16), V::Sub16(u3, c.bias16)), upper1)));
-                high = V::Add(high,
-                              V::Add(V::Madd(V::Unpack16Hi(V::Sub16(u0, c.bias16), V::Sub16(u1, c.bias16)), upper0),
-                                     V::Madd(V::Unpack16Hi(V::Sub16(u2, c.bias16), V::Sub16(u3, c.bias16)), upper1)));
-            }
-            const I valid = volume.HasPadding ? V::CmpEq16(hits, c.zero) : c.ones;
-            TakeInRound<V>(row, j, c, policy.Sum, Values16<V>(low, high, c), valid);
+        const I l0 = V::Load(l), l1 = V::Load(l + 2);
+        const I l2 = V::Load(l + lp), l3 = V::Load(l + lp + 2);
+        I hits = V::Or(V::Or(V::CmpEq16(l0, c.padding16), V::CmpEq16(l1, c.padding16)),
+                       V::Or(V::CmpEq16(l2, c.padding16), V::CmpEq16(l3, c.padding16)));
+        I low = V::Add(V::Madd(V::Unpack16Lo(V::Sub16(l0, c.bias16), V::Sub16(l1, c.bias16)), lower0),
+                       V::Madd(V::Unpack16Lo(V::Sub16(l2, c.bias16), V::Sub16(l3, c.bias16)), lower1));
+        I high = V::Add(V::Madd(V::Unpack16Hi(V::Sub16(l0, c.bias16), V::Sub16(l1, c.bias16)), lower0),
+                        V::Madd(V::Unpack16Hi(V::Sub16(l2, c.bias16), V::Sub16(l3, c.bias16)), lower1));
+        if (twoSlices) {
+            const I u0 = V::Load(u), u1 = V::Load(u + 2);
+            const I u2 = V::Load(u + up), u3 = V::Load(u + up + 2);
+            hits = V::Or(hits, V::Or(V::Or(V::CmpEq16(u0, c.padding16), V::CmpEq16(u1, c.padding16)),
+                                     V::Or(V::CmpEq16(u2, c.padding16), V::CmpEq16(u3, c.padding16))));
+            low = V::Add(low, V::Add(V::Madd(V::Unpack16Lo(V::Sub16(u0, c.bias16), V::Sub16(u1, c.bias16)), upper0),
+                                     V::Madd(V::Unpack16Lo(V::Sub16(u2, c.bias16), V::Sub16(u3, c.bias16)), upper1)));
+            high = V::Add(high,
+                          V::Add(V::Madd(V::Unpack16Hi(V::Sub16(u0, c.bias16), V::Sub16(u1, c.bias16)), upper0),
+                                 V::Madd(V::Unpack16Hi(V::Sub16(u2, c.bias16), V::Sub16(u3, c.bias16)), upper1)));
         }
+        const I valid = volume.HasPadding ? V::CmpEq16(hits, c.zero) : c.ones;
+        TakeInRound<V>(into, t, c, policy.Sum, Values16<V>(low, high, c), valid);
+    };
+
+    std::int32_t j = first;
+    for (; j + kRound - 1 <= last; j += kRound) {
+        const std::ptrdiff_t at = 2 * std::ptrdiff_t{j};
+        takeRound(lower + at, pair.LowerBytesPerLine, upper + at, pair.UpperBytesPerLine, row, j);
     }
-    // The rest one by one: a whole round would read past the last voxel of the row.
-    for (; j <= last; ++j) {
-        std::uint32_t value = 0;
-        if (QelSlabSampleAt(volume, pair, QelSlabWrapAdd(x0, QelSlabWrapMul(j, 65536)), y, value))
-            QelSlabTakeIn(policy, row, volume, j, value);
-    }
+    if (j > last)
+        return;
+    // The last m pixels, fewer than a round: a whole round would read past the last
+    // voxel of the row, so their voxels (one more column for the x neighbour) and
+    // accumulators go through a stage; lanes past m see zeros and are dropped.
+    const auto m = static_cast<std::size_t>(last - j + 1);
+    constexpr std::ptrdiff_t kLine = 2 * (kRound + 1);
+    alignas(64) std::uint8_t voxels[4][kLine] = {};
+    const std::ptrdiff_t at = 2 * std::ptrdiff_t{j};
+    std::memcpy(voxels[0], lower + at, 2 * (m + 1));
+    std::memcpy(voxels[1], lower + at + pair.LowerBytesPerLine, 2 * (m + 1));
+    std::memcpy(voxels[2], upper + at, 2 * (m + 1));
+    std::memcpy(voxels[3], upper + at + pair.UpperBytesPerLine, 2 * (m + 1));
+    const std::size_t targetBytes = policy.Sum ? 4 : 2;
+    const std::size_t flagBytes = policy.Sum ? 2 : 1;
+    alignas(64) std::uint8_t target[kRound * 4] = {};
+    alignas(64) std::uint8_t flags[kRound * 2] = {};
+    std::memcpy(target, row.Target + j * targetBytes, m * targetBytes);
+    std::memcpy(flags, row.Flags + j * flagBytes, m * flagBytes);
+    QelSlabRow stage = row;
+    stage.Target = target;
+    stage.Flags = flags;
+    takeRound(voxels[0], kLine, voxels[2], kLine, stage, 0);
+    std::memcpy(row.Target + j * targetBytes, target, m * targetBytes);
+    std::memcpy(row.Flags + j * flagBytes, flags, m * flagBytes);
 }
 
 // Sample by sample, each across the whole row: with no z in the x step all pixels of
