@@ -5,6 +5,7 @@
 #include "base/QelIsa.h"
 #include "base/QelMatrix34.h"
 #include "graphics/QelRenderEnums.h"
+#include "image_stack/QelImageStackFixedPointAccelerator.h"
 #include "mpr/imp/QelImageStackSlabMprRendererHelperImp.h"
 #include "mpr/imp/QelSlabSample.h"
 
@@ -197,6 +198,11 @@ TEST(QelImageStackSlabMprRendererHelperTest, EveryLevelAndPathMatchesThePlainBod
             return static_cast<std::uint16_t>(h >> 16);
         });
         ASSERT_TRUE(stack->FixedPointAccelerator());
+        // Now and then a record without an image, which a stack never has but the
+        // accelerator allows: its samples are skipped.
+        if (dice.Chance(0.2))
+            const_cast<QelImageStackFixedPointAccelerator*>(stack->FixedPointAccelerator())
+                ->UpdateRecord(dice.Int(0, static_cast<std::int32_t>(c.shape.zs.size()) - 1), nullptr);
         const bool sum = c.mode == kAvip;
 
         // Random starting accumulators, flags included, so that a store without its

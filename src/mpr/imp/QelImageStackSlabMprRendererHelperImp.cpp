@@ -118,6 +118,7 @@ bool QelSlabHelperBase::Init(const QelImageStack& stack, const QelMatrix34& view
         columns[4 * columnLength + k] = slice.Missing;
     }
     m_volume.Count = count;
+    m_volume.AllImages = std::all_of(slices, slices + count, [](const QelSlabSlice& slice) { return slice.Origin; });
     m_volume.LastFixedZ = lastFixedZ;
     for (std::int32_t k = 0; k < count && !m_volume.SafeOrigin; ++k) {
         m_volume.SafeOrigin = slices[k].Origin;

@@ -72,6 +72,7 @@ struct QelSlabVolume {
     bool UniformPitch;
     std::int32_t Pitch;  // the one pitch, with UniformPitch
     std::int32_t Count;
+    bool AllImages;  // no slice lacks an image
     std::int32_t LastFixedZ;
     std::int32_t WidthLimit;   // (width - 1) * 65536: x must lie below it
     std::int32_t HeightLimit;  // (height - 1) * 65536

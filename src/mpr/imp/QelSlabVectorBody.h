@@ -318,20 +318,25 @@ struct RunSlices {
 
 // From the lanes' slices on: the z fraction, the on-slice rule and the reads. `valid`
 // holds the active lanes whose z lies within the slices; the upper slice of a lane
-// at or above the last slice's fixed z is a sentinel, which has no image.
+// at or above the last slice's fixed z is a sentinel, which has no image. With
+// `missing` false the run's missing flags are not looked at: every slice has an
+// image, and only a lane on the last slice (which reads that slice alone) or past
+// it (not valid) meets the sentinel.
 template <class V, class Lanes>
 [[gnu::always_inline]] inline void FinishRun(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& c,
                                              typename V::I x, typename V::I y, typename V::I z,
                                              RunSlices<V> run, typename V::I active, typename V::I valid,
-                                             const std::uint8_t* base) noexcept
+                                             const std::uint8_t* base, bool missing) noexcept
 {
     using I = typename V::I;
     const I above = V::Sub(z, run.zLow);
     // On a slice: that slice alone, so only its voxels are tested for padding.
     const I onSlice = V::CmpEq(above, c.zero);
     run.upper = V::Select(onSlice, run.upper, run.lower);
-    run.upperMissing = V::Select(onSlice, run.upperMissing, run.lowerMissing);
-    valid = V::AndNot(V::Or(run.lowerMissing, run.upperMissing), valid);
+    if (missing) {
+        run.upperMissing = V::Select(onSlice, run.upperMissing, run.lowerMissing);
+        valid = V::AndNot(V::Or(run.lowerMissing, run.upperMissing), valid);
+    }
     const int activeBits = V::MoveMask(active);
     const bool sameSlices = (V::MoveMask(onSlice) & activeBits) == activeBits;
     const I fz = V::template Srli<3>(V::TruncMulBits(above, run.factor));
@@ -372,16 +377,19 @@ template <class V, class Lanes>
     const I gapEnds = V::Load(columns.GapEnd + first);
     for (std::int32_t step = 0; step < columns.CoarseSteps; ++step)
         slice = V::Sub(slice, V::AndNot(V::CmpGt(V::Permute(gapEnds, slice), clamped), c.ones));
-    RunSlices<V> run;
+    RunSlices<V> run{};
     run.zLow = V::Permute(V::Load(columns.FixedZ + first), slice);
     run.factor = V::Permute(V::Load(columns.GapFactor + first), slice);
     run.lower = V::Permute(V::Load(columns.SegmentOffset + first), slice);
     run.upper = V::Permute(V::Load(columns.SegmentOffset + first + 1), slice);
-    run.lowerMissing = V::Permute(V::Load(columns.Missing + first), slice);
-    run.upperMissing = V::Permute(V::Load(columns.Missing + first + 1), slice);
+    const bool missing = !volume.AllImages;
+    if (missing) {
+        run.lowerMissing = V::Permute(V::Load(columns.Missing + first), slice);
+        run.upperMissing = V::Permute(V::Load(columns.Missing + first + 1), slice);
+    }
     const I inside = V::AndNot(V::CmpGt(z, V::Set1(last)), V::CmpGt(z, c.ones));
     k = first;
-    FinishRun<V>(lanes, volume, c, x, y, z, run, active, V::And(active, inside), slices[first].SegmentBase);
+    FinishRun<V>(lanes, volume, c, x, y, z, run, active, V::And(active, inside), slices[first].SegmentBase, missing);
     return true;
 }
 
@@ -433,7 +441,7 @@ void SampleLanes(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& 
             // Below the first slice a lane drops out here; above the last one its
             // upper slice is a sentinel, which has no image.
             FinishRun<V>(lanes, volume, c, x, y, z, run, active, V::And(active, V::CmpGt(z, c.ones)),
-                         slices[lowSlice].SegmentBase);
+                         slices[lowSlice].SegmentBase, true);
             return;
         }
     }
@@ -468,12 +476,9 @@ void SampleLanes(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& 
 
 // 0, step, 2 x step, ... across the lanes, wrapping as the positions do.
 template <class V>
-typename V::I LaneMultiples(std::int32_t step) noexcept
+typename V::I LaneMultiples(const Constants<V>& c, std::int32_t step) noexcept
 {
-    alignas(32) std::int32_t values[V::kLanes];
-    for (int l = 0; l < V::kLanes; ++l)
-        values[l] = QelSlabWrapMul(step, l);
-    return V::Load(values);
+    return V::MulLo(c.lanes, V::Set1(step));
 }
 
 // Pixel by pixel, kLanes pixels at once, each group through all its samples.
@@ -486,9 +491,9 @@ void GeneralRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSla
     std::int32_t laterHint = QelSlabValidHint(volume, row.LaterHint);
     if (volume.SafeOrigin && volume.WidthLimit > 0 && volume.HeightLimit > 0) {
         const Constants<V> c(volume, policy);
-        const I laneX = LaneMultiples<V>(row.XStep.X);
-        const I laneY = LaneMultiples<V>(row.XStep.Y);
-        const I laneZ = LaneMultiples<V>(row.XStep.Z);
+        const I laneX = LaneMultiples<V>(c, row.XStep.X);
+        const I laneY = LaneMultiples<V>(c, row.XStep.Y);
+        const I laneZ = LaneMultiples<V>(c, row.XStep.Z);
         const std::int32_t laterFirst = row.FirstSample > 1 ? row.FirstSample : 1;
         // Every group starts its later samples at the same depth again: it starts
         // from the slice that the previous group found there.
@@ -663,8 +668,8 @@ void PlaneRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabR
     std::int32_t laterHint = QelSlabValidHint(volume, row.LaterHint);
     if (volume.SafeOrigin && volume.WidthLimit > 0 && volume.HeightLimit > 0) {
         const Constants<V> c(volume, policy);
-        const I laneX = LaneMultiples<V>(row.XStep.X);
-        const I laneY = LaneMultiples<V>(row.XStep.Y);
+        const I laneX = LaneMultiples<V>(c, row.XStep.X);
+        const I laneY = LaneMultiples<V>(c, row.XStep.Y);
         const std::int32_t laterFirst = row.FirstSample > 1 ? row.FirstSample : 1;
         const bool unitStep = row.XStep.X == 65536 && row.XStep.Y == 0;
         Stage<V> stage;
