@@ -142,35 +142,6 @@ void Reformat(benchmark::State& state, Tilt tilt, std::int32_t samples, QelSlabM
     state.counters["ns_per_sample"] = elapsedNs / (static_cast<double>(state.iterations()) * perFrame);
 }
 
-void BM_AxialPlane(benchmark::State& state)
-{
-    Reformat(state, Tilt::None, 1, QelSlabMode::MIP);
-}
-void BM_ObliquePlane(benchmark::State& state)
-{
-    Reformat(state, Tilt::AboutX, 1, QelSlabMode::MIP);
-}
-void BM_ObliqueSlab32Mip(benchmark::State& state)
-{
-    Reformat(state, Tilt::AboutX, 32, QelSlabMode::MIP);
-}
-void BM_ObliqueSlab32Avip(benchmark::State& state)
-{
-    Reformat(state, Tilt::AboutX, 32, QelSlabMode::AVIP);
-}
-void BM_DoubleObliquePlane(benchmark::State& state)
-{
-    Reformat(state, Tilt::AboutXThenY, 1, QelSlabMode::MIP);
-}
-void BM_DoubleObliqueSlab32Mip(benchmark::State& state)
-{
-    Reformat(state, Tilt::AboutXThenY, 32, QelSlabMode::MIP);
-}
-void BM_DoubleObliqueSlab32Avip(benchmark::State& state)
-{
-    Reformat(state, Tilt::AboutXThenY, 32, QelSlabMode::AVIP);
-}
-
 void Cases(benchmark::internal::Benchmark* b)
 {
     // The two widest levels side by side: what the 512-bit body gains over the 256-bit one.
@@ -180,12 +151,12 @@ void Cases(benchmark::internal::Benchmark* b)
         ->Unit(benchmark::kMillisecond);
 }
 
-BENCHMARK(BM_AxialPlane)->Apply(Cases);
-BENCHMARK(BM_ObliquePlane)->Apply(Cases);
-BENCHMARK(BM_ObliqueSlab32Mip)->Apply(Cases);
-BENCHMARK(BM_ObliqueSlab32Avip)->Apply(Cases);
-BENCHMARK(BM_DoubleObliquePlane)->Apply(Cases);
-BENCHMARK(BM_DoubleObliqueSlab32Mip)->Apply(Cases);
-BENCHMARK(BM_DoubleObliqueSlab32Avip)->Apply(Cases);
+BENCHMARK_CAPTURE(Reformat, AxialPlane, Tilt::None, 1, QelSlabMode::MIP)->Apply(Cases);
+BENCHMARK_CAPTURE(Reformat, ObliquePlane, Tilt::AboutX, 1, QelSlabMode::MIP)->Apply(Cases);
+BENCHMARK_CAPTURE(Reformat, ObliqueSlab32Mip, Tilt::AboutX, 32, QelSlabMode::MIP)->Apply(Cases);
+BENCHMARK_CAPTURE(Reformat, ObliqueSlab32Avip, Tilt::AboutX, 32, QelSlabMode::AVIP)->Apply(Cases);
+BENCHMARK_CAPTURE(Reformat, DoubleObliquePlane, Tilt::AboutXThenY, 1, QelSlabMode::MIP)->Apply(Cases);
+BENCHMARK_CAPTURE(Reformat, DoubleObliqueSlab32Mip, Tilt::AboutXThenY, 32, QelSlabMode::MIP)->Apply(Cases);
+BENCHMARK_CAPTURE(Reformat, DoubleObliqueSlab32Avip, Tilt::AboutXThenY, 32, QelSlabMode::AVIP)->Apply(Cases);
 
 }  // namespace
