@@ -105,17 +105,16 @@ bool QelSlabHelperBase::Init(const QelImageStack& stack, const QelMatrix34& view
         coarse[i] = coarse[coarseCount - 1];
     m_volume.Slices = slices;
     m_volume.Coarse = coarse;
-    m_columns = columns;
+    std::int32_t* factors = columns + columnLength;
+    m_offsetColumn = columns + 2 * columnLength;
+    std::int32_t* missing = columns + 3 * columnLength;
     m_columnLength = columnLength;
-    QelSlabColumns& column = m_volume.Columns;
-    column = {columns, columns + columnLength, columns + 2 * columnLength, columns + 3 * columnLength,
-              columns + 4 * columnLength, coarse, coarseSteps};
+    m_volume.Columns = {columns, factors, m_offsetColumn, missing, coarse, coarseSteps};
     for (std::size_t k = 0; k < columnLength; ++k) {
         const QelSlabSlice& slice = slices[std::min<std::size_t>(k, std::size_t(count))];
         columns[k] = slice.FixedZ;
-        columns[columnLength + k] = slice.GapEnd;
-        std::memcpy(&columns[2 * columnLength + k], &slice.GapFactor, sizeof(float));
-        columns[4 * columnLength + k] = slice.Missing;
+        std::memcpy(&factors[k], &slice.GapFactor, sizeof(float));
+        missing[k] = slice.Missing;
     }
     m_volume.Count = count;
     m_volume.AllImages = std::all_of(slices, slices + count, [](const QelSlabSlice& slice) { return slice.Origin; });
@@ -196,9 +195,8 @@ void QelSlabHelperBase::SetSegmentReach(std::int64_t reach) noexcept
         slice.SegmentBase = segment;
     }
     // Past the last slice every window reads the first sentinel's offset.
-    std::int32_t* offsets = m_columns + 3 * m_columnLength;
     for (std::size_t k = 0; k < m_columnLength; ++k)
-        offsets[k] = m_slices[std::min<std::size_t>(k, std::size_t(m_volume.Count))].SegmentOffset;
+        m_offsetColumn[k] = m_slices[std::min<std::size_t>(k, std::size_t(m_volume.Count))].SegmentOffset;
 }
 
 QelFixedPoint3 QelSlabHelperBase::PixelPosition(std::int32_t x, std::int32_t y) const

@@ -42,8 +42,7 @@ constexpr std::int32_t kSlabSentinels = 3;
 constexpr std::int32_t kSlabColumnPad = 17;
 
 struct QelSlabColumns {
-    const std::int32_t* FixedZ;
-    const std::int32_t* GapEnd;
+    const std::int32_t* FixedZ;  // read from slice k + 1 on, it is slice k's gap end
     const std::int32_t* GapFactor;  // the bits of the float
     const std::int32_t* SegmentOffset;
     const std::int32_t* Missing;

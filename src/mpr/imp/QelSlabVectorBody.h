@@ -372,9 +372,10 @@ template <class V, class Lanes>
     I slice = V::Sub(V::Permute(V::Load(columns.Coarse + lowEntry), V::Sub(V::template Srai<16>(clamped),
                                                                              V::Set1(lowEntry))),
                      V::Set1(first));
-    // A z at or past its gap's end moves on: the highest of equal slices wins, as in
-    // QelSlabFindSlice.
-    const I gapEnds = V::Load(columns.GapEnd + first);
+    // A z at or past its gap's end (the next slice's fixed z) moves on: the highest
+    // of equal slices wins, as in QelSlabFindSlice. The last slice's gap ends at the
+    // first sentinel, above every clamped z.
+    const I gapEnds = V::Load(columns.FixedZ + first + 1);
     for (std::int32_t step = 0; step < columns.CoarseSteps; ++step)
         slice = V::Sub(slice, V::AndNot(V::CmpGt(V::Permute(gapEnds, slice), clamped), c.ones));
     RunSlices<V> run{};
