@@ -106,6 +106,7 @@ private:
     QelMemoryManager* m_treeManager = nullptr;
     std::unique_ptr<std::uint8_t[]> m_decisions;
     bool m_classified = false;
+    std::int32_t m_classifiedSerial = 0;  // the stack's serial number when classified
 
     // State of the running Threshold, read by the workers.
     QelBlockedBitTree* m_tree = nullptr;

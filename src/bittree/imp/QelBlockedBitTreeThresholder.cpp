@@ -117,6 +117,7 @@ bool QelBlockedBitTreeThresholder::Classify()
     m_candidates = std::move(candidates);
     m_decisions = std::move(decisions);
     m_classified = true;
+    m_classifiedSerial = m_stack.SerialNumber();
     return true;
 }
 
@@ -128,7 +129,10 @@ void QelBlockedBitTreeThresholder::PlanSkips(QelBlockedBitTree& tree, std::int32
     // Without a pre-classification, ranges that happen to be at hand still spare
     // the reads of blocks that can't reach the threshold; no block is made full, so
     // the tree holds exactly what the compare gives.
-    const std::uint8_t* decisions = m_classified ? m_decisions.get() : (proven = Decide(false, false)).get();
+    // The pre-classification holds for the stack it was made from: after any change
+    // its decisions may be wrong or too few for the tree.
+    const bool classified = m_classified && m_stack.SerialNumber() == m_classifiedSerial;
+    const std::uint8_t* decisions = classified ? m_decisions.get() : (proven = Decide(false, false)).get();
     if (!decisions)
         return;
     const std::uint32_t count = tree.GetBlockCount();
