@@ -163,10 +163,10 @@ struct DicomSlice {
     std::optional<std::array<double, 3>> position = std::array<double, 3>{0, 0, 0};
     std::optional<std::array<double, 6>> orientation = std::array<double, 6>{1, 0, 0, 0, 1, 0};
     std::string pixelSpacing = "0.5\\0.75";  // empty for none
-    std::optional<std::array<double, 2>> rescale;  // slope, intercept
-    std::optional<std::uint16_t> padding;
+    std::optional<std::array<double, 2>> rescale{};  // slope, intercept
+    std::optional<std::uint16_t> padding{};
     /// The sample at (x, y), written as its low bitsAllocated bits; empty for x + 10 y.
-    std::function<std::int64_t(int x, int y)> value;
+    std::function<std::int64_t(int x, int y)> value{};
 };
 
 enum class DicomEncoding { ExplicitLittle, ImplicitLittle, ExplicitBig, Rle, JpegLsLossless };

@@ -62,20 +62,17 @@ protected:
 // coordinate, or by the reversed cross product, gives another stack.
 TEST_F(DicomReaderTest, ObliqueSlicesGoAlongTheirNormalWithUnevenGapsKeptAndEachSliceRescaledItsOwnWay)
 {
-    const struct {
-        const char* name;
-        double along, slope, intercept;
-    } files[] = {{"img10.dcm", 15.0, 1, -1024}, {"img2.dcm", 10.0, 2, -1000}, {"img3.dcm", 12.5000003, 0.5, -1024},
-                 {"img1.dcm", 11.2499996, 1, -1030}, {"img11.dcm", 16.25, 1, -1024}};
+    const struct { const char* name; double along, slope, intercept; } files[] = {
+        {"img10.dcm", 15.0, 1, -1024}, {"img2.dcm", 10.0, 2, -1000}, {"img3.dcm", 12.5000003, 0.5, -1024},
+        {"img1.dcm", 11.2499996, 1, -1030}, {"img11.dcm", 16.25, 1, -1024}};
     const std::array<double, 3> normal{0.64, -0.48, -0.6};
     for (int i = 0; i < 5; ++i) {
-        DicomSlice slice;
-        slice.orientation = std::array{0.6, 0.8, 0.0, 0.48, -0.36, 0.8};
         const double t = files[i].along;
-        slice.position = std::array{-100 + t * normal[0], 50 + t * normal[1], 20 + t * normal[2]};
-        slice.rescale = std::array{files[i].slope, files[i].intercept};
-        slice.value = [i](int x, int y) { return 2 * (x + 10 * y) + 100 * i; };
-        WriteDicom(m_scratch / files[i].name, slice);
+        WriteDicom(m_scratch / files[i].name,
+                   {.position = std::array{-100 + t * normal[0], 50 + t * normal[1], 20 + t * normal[2]},
+                    .orientation = std::array{0.6, 0.8, 0.0, 0.48, -0.36, 0.8},
+                    .rescale = std::array{files[i].slope, files[i].intercept},
+                    .value = [i](int x, int y) { return 2 * (x + 10 * y) + 100 * i; }});
     }
     const Volume volume = Read();
     ASSERT_EQ(volume.stack->NumberOfImages(), 5);
@@ -175,13 +172,8 @@ TEST_F(DicomReaderTest, EveryEncodingGivesTheSameSignedVoxels)
 TEST_F(DicomReaderTest, TheLargestSeriesIsChosenUnlessOneIsNamedAndOtherFilesAreSkipped)
 {
     WriteSeries(5, [](int k, DicomSlice& slice) { slice.seriesUid = k < 3 ? "2.25.1001" : "2.25.1002"; });
-    DicomSlice report;
-    report.hasImage = false;
-    WriteDicom(m_scratch / "report", report);
-    DicomSlice broken;  // spoils only its own series
-    broken.seriesUid = "1.2.3.9";
-    broken.pixelSpacing = "0.5\\x";
-    WriteDicom(m_scratch / "broken", broken);
+    WriteDicom(m_scratch / "report", {.hasImage = false});
+    WriteDicom(m_scratch / "broken", {.seriesUid = "1.2.3.9", .pixelSpacing = "0.5\\x"});  // spoils only its own series
     WriteFile(m_scratch / "notes.txt", std::string("not an image\n"));
     WriteFile(m_scratch / "empty", std::string());
     WriteFile(m_scratch / "looks.raw", std::string("\x08\x00\x05\x00", 4) + std::string(300, '\x7F'));
@@ -225,7 +217,7 @@ TEST_F(DicomReaderTest, InconsistentOrDamagedSeriesAreRefusedNamingTheCulprit)
     };
     const struct {
         std::function<void(int k, DicomSlice&)> change;
-        std::function<std::uintmax_t(std::uintmax_t size)> damage;  // how much of c to keep
+        std::intmax_t cut;  // how much of c to keep, counted from its end when negative; 0: all
         std::string expected;
     } cases[] = {
         {[](int k, DicomSlice& s) { s.position = std::array{0.0, 0.4 * k, 1.25 * k}; }, {},
@@ -241,17 +233,17 @@ TEST_F(DicomReaderTest, InconsistentOrDamagedSeriesAreRefusedNamingTheCulprit)
         {onB([](DicomSlice& s) { s.samplesPerPixel = 3, s.photometric = "RGB", s.bitsAllocated = s.bitsStored = 8; }), {},
          "@/b: colour image (3 samples per pixel, RGB)"},
         {[](int, DicomSlice& s) { s.bitsAllocated = s.bitsStored = 64; }, {}, "@/a: 64 bits allocated"},
-        {{}, [](std::uintmax_t) -> std::uintmax_t { return 136; },
-         "@/c: cut short: the file ends at byte 136, inside an element header"},
-        {{}, [](std::uintmax_t size) { return size - 5; }, "@/c: element (7FE0,0010) at byte "},
+        {{}, 136, "@/c: cut short: the file ends at byte 136, inside an element header"},
+        {{}, -5, "@/c: element (7FE0,0010) at byte "},
         {[](int, DicomSlice& s) { s.hasImage = false; }, {}, "@: no DICOM image in the folder"},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.expected);
         WriteSeries(3, test.change ? test.change : [](int, DicomSlice&) {});
         WriteFile(m_scratch / "readme.txt", std::string("slices follow\n"));
-        if (test.damage)
-            std::filesystem::resize_file(m_scratch / "c", test.damage(std::filesystem::file_size(m_scratch / "c")));
+        if (test.cut != 0)
+            std::filesystem::resize_file(m_scratch / "c",
+                                         test.cut + (test.cut < 0 ? std::filesystem::file_size(m_scratch / "c") : 0));
         std::string expected = test.expected;
         if (expected.starts_with('@'))
             expected.replace(0, 1, m_scratch.string());

@@ -45,7 +45,6 @@ TEST_F(MaskCommandsTest, OperationsWriteTheLibrarysMasks)
     EXPECT_TRUE(SameVoxels(*bone, *LibraryThreshold(1324)));
     const auto body = Run("mask threshold phantom:48 --min 700 --depth 30", "body.axm");
     EXPECT_TRUE(SameVoxels(*body, *LibraryThreshold(700, 30)));
-    EXPECT_FALSE(body->IsSet(24, 24, 30));
 
     EXPECT_TRUE(SameVoxels(*Run("mask union bone.axm body.axm", "u.axm"), *bone->Union(*body)));
     EXPECT_TRUE(SameVoxels(*Run("mask intersect bone.axm body.axm", "i.axm"), *bone->Intersection(*body)));
@@ -77,11 +76,8 @@ TEST_F(MaskCommandsTest, BadMasksAndUsageGiveOneLineAndNoFile)
     ASSERT_EQ(RunAxr("mask threshold phantom:32 --min 1300 --quiet --out small.axm", m_scratch).status, 0);
     const std::string good = Slurp(m_scratch / "a.axm");
     WriteFile(m_scratch / "cut.axm", good.substr(0, good.size() - 1));
-    WriteFile(m_scratch / "text.axm", std::string("hello"));
     const std::pair<const char*, const char*> cases[] = {
         {"mask union a.axm cut.axm --out r.axm", "axr mask union: cut.axm: The persisted form ends inside a bit array.\n"},
-        {"mask invert text.axm --out r.axm",
-         "axr mask invert: text.axm: This is not a persisted form: it doesn't start with \"AXKV\".\n"},
         {"mask xor a.axm small.axm --out r.axm",
          "axr mask xor: a.axm is [Width=48, Height=48, Depth=48] but small.axm is [Width=32, Height=32, Depth=32]\n"},
         {"mask invert missing.axm --out r.axm", "axr mask invert: missing.axm: cannot open the mask file\n"},

@@ -52,19 +52,17 @@ std::unique_ptr<QelBlockedBitTree> Morph(const QelBlockedBitTree& a, const Reach
     return (dilate ? Ops::CubicDilate : Ops::CubicErode)(a, r[0], r[1], r[2], r[3], r[4], r[5]);
 }
 
-// The downsized voxel at (x, y, z) by factor f, as Downsize promises it.
-bool Downsized(const QelBlockedBitTree& source, const Grid& gs, const Grid* mask, const QelBlockedBitTree* maskTree,
-               std::uint32_t f, bool anySet, std::int64_t x, std::int64_t y, std::int64_t z)
+// The downsized voxel at (x, y, z) by factor f, as Downsize promises it. Empty entries,
+// of the source or the mask, need no rule of their own: their voxels are clear.
+bool Downsized(const Grid& source, const Grid* mask, std::uint32_t f, bool anySet, std::int64_t x, std::int64_t y,
+               std::int64_t z)
 {
-    if (!gs.InGrid(x * f, y * f, z * f))
-        return false;
-    const std::uint32_t i = source.GetBlockIndex(x * f, y * f, z * f);
-    if (!source.GetBlock(i) || (mask && !maskTree->GetBlock(i)))
+    if (!source.InGrid(x * f, y * f, z * f))
         return false;
     bool any = false, all = true;
     for (std::uint32_t n = 0; n < f * f * f; ++n) {
         const std::int64_t sx = x * f + n % f, sy = y * f + n / f % f, sz = z * f + n / f / f;
-        const bool bit = gs.Get(sx, sy, sz) && (!mask || mask->Get(sx, sy, sz));
+        const bool bit = source.Get(sx, sy, sz) && (!mask || mask->Get(sx, sy, sz));
         any |= bit;
         all &= bit;
     }
@@ -94,12 +92,10 @@ TEST(QelBlockedBitTreeOpsTest, OperationsMatchTheReference)
             ExpectTreeIs(*Ops::Xor(*a, *b), both(std::not_equal_to<>()), true);
             // A full entry comes back empty; elsewhere rows beyond the height come out set,
             // planes beyond the depth clear, the rest inverted.
-            auto inverse = Ops::Invert(*a);
-            ExpectTreeIs(*inverse, Map(ga, [&](auto x, auto y, auto z) {
+            ExpectTreeIs(*Ops::Invert(*a), Map(ga, [&](auto x, auto y, auto z) {
                              return a->GetBlock(a->GetBlockIndex(x, y, z)) != QelBlockedBitTree::FullBlock() &&
                                     z < d && (y >= h || !ga.Get(x, y, z));
                          }), true);
-            ExpectTreeIs(*Ops::Invert(*inverse), ga.Volume());
             const Reach any{pick(9), pick(9), pick(5), pick(5), pick(9), pick(9)};
             for (const Reach& r : {Reach{0, 0, 0, 0, 0, 0}, Reach{8, 8, 4, 4, 8, 8}, any})
                 for (bool dilate : {true, false}) {
@@ -119,11 +115,9 @@ TEST(QelBlockedBitTreeOpsTest, OperationsMatchTheReference)
                     ASSERT_TRUE(Ops::Downsize(*a, *target, 0, half, variant != 1, mask));
                     ASSERT_TRUE(Ops::Downsize(*a, *target, half, a->GetBlockCount(), variant != 1, mask));
                     ExpectTreeIs(*target, Map(Grid(tw, (h + f - 1) / f, (d + f - 1) / f), [&](auto x, auto y, auto z) {
-                                     return Downsized(*a, ga, mask ? &gb : nullptr, mask, f, variant != 1, x, y, z);
+                                     return Downsized(ga, mask ? &gb : nullptr, f, variant != 1, x, y, z);
                                  }));
                 }
-            ExpectTreeIs(*a, ga, true);  // operands stay as they were
-            ExpectTreeIs(*b, gb, true);
         }
     }
 }
@@ -142,12 +136,11 @@ TEST(QelBlockedBitTreeOpsTest, EqualityAndEntryFormsAreStructural)
     ASSERT_TRUE(edge->SetRowBits(1, 0, 0, 0u));
     EXPECT_FALSE(Ops::Equal(*edge, *MakeTree(33, 1, 1)));
 
-    auto even = MakeTree(32, 32, 32), odd = MakeTree(32, 32, 32);
-    for (std::uint32_t n = 0; n < 32 * 32; ++n)
-        ASSERT_TRUE(even->SetRowBits(0, n % 32, n / 32, n % 2 ? 0xF0F0F0F0u : 0x0F0F0F0Fu) &&
-                    odd->SetRowBits(0, n % 32, n / 32, n % 2 ? 0x0F0F0F0Fu : 0xF0F0F0F0u));
-    // Halves that cover everything stay a real block, which differs from a full entry.
-    auto all = Ops::Union(*even, *odd), full = all->Copy();
+    // A union that covers everything stays a real block, which differs from a full entry.
+    auto ones = MakeTree(32, 32, 32), one = MakeTree(32, 32, 32);
+    FillBlock(*ones, 0);
+    ASSERT_TRUE(one->SetBit(5, 6, 7));
+    auto all = Ops::Union(*ones, *one), full = all->Copy();
     full->ComputeBlockEmptiness();
     EXPECT_TRUE(QelBlockedBitTree::HasStorage(all->GetBlock(0)) && full->GetBlock(0) == QelBlockedBitTree::FullBlock());
     EXPECT_FALSE(Ops::Equal(*all, *full));

@@ -93,32 +93,8 @@ TEST(QelMemoryRasterImageTest, ResizeBacksEverySafetyPixelAndClearCoversOnlyTheS
     EXPECT_FALSE(image->Resize(1, QelIntRange(0, 9), QelIntRange(0, 9)));
     EXPECT_EQ(manager.outstanding, 0);
     EXPECT_EQ(image->Height(), 0);
-    EXPECT_TRUE(image->ScratchXRange().IsEmpty());
     EXPECT_EQ(image->OriginAddress(), nullptr);
-    EXPECT_FALSE(image->OwnsBuffer());
-    image->Clear(false, 0);  // an empty image has nothing to clear
-}
-
-TEST(QelMemoryRasterImageTest, UnreasonableResizeIsReportedAndChangesNothing)
-{
-    auto image = Resized(nullptr, 2, QelIntRange(0, 3), QelIntRange(0, 2));
-    std::uint8_t* const origin = image->OriginAddress();
-    const QelIntRange s(0, 3), small(1, 3), reversed(0, -1), none;
-    // No bytes per pixel, an empty or reversed size, scratch or safety smaller than the size.
-    const struct {
-        std::int32_t bpp;
-        QelIntRange sizeX, sizeY, scratchX, scratchY, safetyX, safetyY;
-    } cases[] = {{0, s, s, s, s, s, s}, {2, none, s, s, s, s, s}, {2, s, reversed, s, s, s, s},
-                 {2, s, s, small, s, s, s}, {2, s, s, s, s, none, small}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "case " << &c - cases);
-        EXPECT_EQ(AssertionText([&] {
-                      (void)image->Resize(c.bpp, c.sizeX, c.sizeY, c.scratchX, c.scratchY, c.safetyX, c.safetyY);
-                  }),
-                  "QelMemoryRasterImage::Resize: Unreasonable arguments\n");
-        EXPECT_EQ(image->Width(), 4);
-        EXPECT_EQ(image->OriginAddress(), origin);
-    }
+    image->Clear(false, 0);  // an empty scratch rectangle: nothing written through the null origin
 }
 
 // Three-byte pixels take no value, only zeros.
@@ -165,12 +141,10 @@ TEST(QelMemoryRasterImageTest, CopyCopiesOnlyTheCommonCornerLineByLine)
 
     GuardedImage g(6, 4, 2, 6 * 2 + 3);
     EXPECT_TRUE(g.image->Copy(*source));
-    for (std::int32_t y = 0; y < 4; ++y) {
+    // Bytes past column 3 keep their guard; a wider copy would reach columns 4 and 5 first.
+    for (std::int32_t y = 0; y < 4; ++y)
         for (std::int32_t x = 0; x < 6; ++x)
             EXPECT_EQ(Pixel16(*g.image, x, y), x <= 3 ? 100 * y + x + 300 : 0xCCCC) << "x " << x << ", y " << y;
-        for (std::int32_t pad = 0; pad < 3; ++pad)
-            EXPECT_EQ(g.image->PixelAddress(6, y)[pad], kGuard) << "row " << y;
-    }
 
     // Scratch rectangles that share nothing: false, and nothing written.
     auto apart = Resized(nullptr, 1, QelIntRange(10, 12), QelIntRange(0, 3));
@@ -187,8 +161,7 @@ TEST(QelMemoryRasterImageTest, SetBufferStoresTheBufferAndFreesOnlyWhatTheImageO
     std::vector<std::uint8_t> buffer(200, kGuard);
     image->SetBuffer(0, 2, 1, 4, buffer.data(), false);
     EXPECT_EQ(manager.outstanding, 0);
-    EXPECT_TRUE(image->XRange().IsEmpty());
-    EXPECT_EQ(image->Height(), 2);
+    EXPECT_TRUE(image->XRange().IsEmpty());  // not the reversed (0, -1)
     EXPECT_EQ(image->OriginAddress(), buffer.data());
     // The caller's buffer survives the next Resize; a block given with ownership goes
     // back to the manager with the image.
@@ -204,20 +177,26 @@ TEST(QelMemoryRasterImageTest, SetBufferStoresTheBufferAndFreesOnlyWhatTheImageO
     image->SetBuffer(2, 15, s, s, s, QelIntRange(0, 5), safety, safety, buffer.data(), false);
     EXPECT_EQ(image->OriginAddress(), buffer.data() + 15 + 2);
     EXPECT_EQ(image->SafetyYRange(), QelIntRange(-1, 5));
-    EXPECT_EQ(image->ScratchYRange(), QelIntRange(0, 5));
 }
 
-TEST(QelMemoryRasterImageTest, SetBufferReportsBadArgumentsInOrderAndChangesNothing)
+TEST(QelMemoryRasterImageTest, BadArgumentsAreReportedInOrderAndChangeNothing)
 {
     GuardedImage g(2, 2, 1, 2);
     std::uint8_t* const buffer = g.storage.data();
-    const QelIntRange s(0, 3), safety(-1, 4);
+    const QelIntRange s(0, 3), small(1, 3), reversed(0, -1), none, safety(-1, 4);
+    const std::string resize = "QelMemoryRasterImage::Resize: Unreasonable arguments\n";
     const std::string heading = "QelMemoryRasterImage::SetBuffer()\n";
     const std::string unreasonable = "QelMemoryRasterImage::SetBuffer: Unreasonable arguments\n";
     const struct {
         std::function<void()> call;
         std::string text;
     } cases[] = {
+        // No bytes per pixel, an empty or reversed size, scratch or safety smaller than the size.
+        {[&] { (void)g.image->Resize(0, s, s, s, s, s, s); }, resize},
+        {[&] { (void)g.image->Resize(2, none, s, s, s, s, s); }, resize},
+        {[&] { (void)g.image->Resize(2, s, reversed, s, s, s, s); }, resize},
+        {[&] { (void)g.image->Resize(2, s, s, small, s, s, s); }, resize},
+        {[&] { (void)g.image->Resize(2, s, s, s, s, none, small); }, resize},
         {[&] { g.image->SetBuffer(-1, -2, 2, 0, nullptr, false); }, heading + "Width was negative (-1)\n"},
         {[&] { g.image->SetBuffer(1, -2, 2, 0, nullptr, false); }, heading + "Height was negative (-2)\n"},
         {[&] { g.image->SetBuffer(4, 1, 2, 7, nullptr, false); },
@@ -227,7 +206,7 @@ TEST(QelMemoryRasterImageTest, SetBufferReportsBadArgumentsInOrderAndChangesNoth
         {[&] { g.image->SetBuffer(0, 8, s, s, s, s, s, s, nullptr, false); },
          heading + "NULL pointer trapped (buffer)"},
         {[&] { g.image->SetBuffer(2, 11, s, s, s, s, safety, s, buffer, false); }, unreasonable},
-        {[&] { g.image->SetBuffer(2, 8, s, s, QelIntRange(1, 3), s, s, s, buffer, false); }, unreasonable},
+        {[&] { g.image->SetBuffer(2, 8, s, s, small, s, s, s, buffer, false); }, unreasonable},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "case " << &c - cases);

@@ -16,8 +16,6 @@
 #include <cstring>
 #include <functional>
 #include <random>
-#include <sstream>
-#include <tuple>
 
 namespace {
 
@@ -73,31 +71,26 @@ protected:
 
 TEST_F(BitVolumeTest, ThePersistedFormIsTheDenseBitsInXYZOrderReadsBackEqualAndIsCheckedOnReading)
 {
-    for (const auto& [w, h, d] : {std::array{33, 1, 1}, std::array{70, 45, 33}, std::array{7, 3, 2}}) {
-        auto [volume, dense] = Random(w, h, d, 5);
-        SerializationInfo info;
-        volume->GetObjectData(info);
-        EXPECT_EQ((std::array{info.GetInt32("Width"), info.GetInt32("Height"), info.GetInt32("Depth")}),
-                  (std::array{w, h, d}));
-        const auto& data = info.GetBitArray("Data");
-        std::vector<bool> persisted(data.Length());
-        for (std::size_t i = 0; i < persisted.size(); ++i)
-            persisted[i] = data.Get(static_cast<std::int64_t>(i));
-        EXPECT_EQ(persisted, dense.bits);
-
-        std::stringstream file;
-        info.Write(file);
-        const BitVolume back(SerializationInfo::Read(file));
-        ExpectVoxels(back, dense);
-        EXPECT_TRUE(back.Equals(volume.get()));
-    }
-    // Invert also sets the bits beyond the edges, which aren't voxels and aren't
-    // persisted: every voxel agrees, the blocks don't.
-    auto inverted = BitVolume(33, 2, 2, false).Invert();
-    SerializationInfo persisted;
-    inverted->GetObjectData(persisted);
-    const BitVolume back(persisted);
-    EXPECT_TRUE(back.IsSet(32, 1, 1) && !back.Equals(inverted.get()));
+    for (const auto& [w, h, d] : {std::array{33, 1, 1}, std::array{70, 45, 33}, std::array{7, 3, 2}})
+        for (bool inverted : {false, true}) {
+            auto [volume, dense] = Random(w, h, d, 5);
+            if (inverted) {  // which sets the bits beyond the edges: no voxels, not persisted
+                volume = volume->Invert();
+                dense.bits.flip();
+            }
+            SerializationInfo info;
+            volume->GetObjectData(info);
+            EXPECT_EQ((std::array{info.GetInt32("Width"), info.GetInt32("Height"), info.GetInt32("Depth")}),
+                      (std::array{w, h, d}));
+            const auto& data = info.GetBitArray("Data");
+            std::vector<bool> persisted(data.Length());
+            for (std::size_t i = 0; i < persisted.size(); ++i)
+                persisted[i] = data.Get(static_cast<std::int64_t>(i));
+            EXPECT_EQ(persisted, dense.bits);
+            const BitVolume back(info);
+            ExpectVoxels(back, dense);
+            EXPECT_EQ(back.Equals(volume.get()), !inverted);  // every voxel agrees, the blocks don't
+        }
 
     // Forms that disagree with themselves are refused.
     const auto refusal = [](std::int32_t w, std::int32_t h, std::int32_t d, std::int64_t bits) {
@@ -133,27 +126,25 @@ TEST_F(BitVolumeTest, ConstructorsCheckTheirSizesInOrder)
     check([] { BitVolume(1, 1, 0, true); }, "The depth of the BitVolume cannot be zero or less.", "depth");
     check([] { BitVolume(ImageStack(), 0, 5); }, "The depth of the BitVolume cannot be zero or less.", "depth");
     check([] { BitVolume volume(nullptr); }, "Value cannot be null.", "qelBlockedBitTree");
-
-    // Outside its edges a full volume has nothing set.
-    EXPECT_FALSE(BitVolume(33, 1, 1, true).IsSet(33, 0, 0) || BitVolume(33, 1, 1, true).IsSet(-1, 0, 0));
 }
 
 TEST_F(BitVolumeTest, TheAlgebraAgreesWithTheReference)
 {
     auto [a, denseA] = Random(70, 45, 33, 3);
     auto [b, denseB] = Random(70, 45, 33, 4);
-    // The operations themselves are held to a reference where they live; this checks what is handed on.
-    Dense expected{70, 45, 33};
-    for (std::size_t i = 0; i < expected.bits.size(); ++i)
-        expected.bits[i] = denseA.bits[i] != denseB.bits[i];
-    ExpectVoxels(*a->Xor(*b), expected);
-    expected.bits = denseA.bits;
-    expected.bits.flip();
-    ExpectVoxels(*a->Invert(), expected);
-    EXPECT_TRUE(*a->Union(*b) == *a->Xor(*b)->Union(*a->Intersection(*b)));
+    // The operations themselves are held to a reference where they live; this checks each one's
+    // wiring (Invert's with the persisted form).
+    const std::pair<std::shared_ptr<BitVolume>, std::function<bool(bool, bool)>> results[] = {
+        {a->Union(*b), std::logical_or<>()}, {a->Intersection(*b), std::logical_and<>()},
+        {a->Xor(*b), std::not_equal_to<>()}};
+    for (const auto& [result, rule] : results) {
+        Dense expected{70, 45, 33};
+        for (std::size_t i = 0; i < expected.bits.size(); ++i)
+            expected.bits[i] = rule(denseA.bits[i], denseB.bits[i]);
+        ExpectVoxels(*result, expected);
+    }
     ExpectVoxels(*a, denseA);  // the operands stay as they were
     EXPECT_TRUE(!(*a == *b) && *a == *a->Union(*a));
-    EXPECT_FALSE(a->Equals(BitVolume(70, 45, 34, false).Invert().get()));
 
     auto point = std::make_shared<BitVolume>(9, 9, 9, false);
     point->Set(4, 4, 4);

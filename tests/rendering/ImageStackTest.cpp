@@ -62,19 +62,14 @@ TEST_F(ImageStackTest, TheRecordsFollowTheNativeOrderAndRefusedImagesLeaveThemAs
 
     const auto images = Fill({2.0, 0.1, 1.0});
     EXPECT_EQ(ZOf(m_stack), (std::vector<double>{0.1, 1.0, 2.0}));
-    const QelImageRecord* native = m_stack.UnmanagedImageStack()->Records();
-    for (std::int32_t i = 0; i < 3; ++i) {
+    for (std::int32_t i = 0; i < 3; ++i)
         EXPECT_EQ(m_stack[i].Image(), images[(i + 1) % 3]) << i;
-        EXPECT_EQ(native[i].Image, m_stack[i].Image()->UnmanagedImage()) << i;
-    }
     EXPECT_EQ(MessageOf<ArgumentOutOfRangeException>([&] { (void)m_stack[3]; }),
               "Index was out of range. Must be non-negative and less than the size of the collection.");
 
     // The list keeps the caller's double, the native stack a float: a double that
     // narrows to the same float is the same slice.
-    EXPECT_FALSE(m_stack.InsertImage(Image(), static_cast<double>(0.1f)));
-    EXPECT_FALSE(m_stack.InsertImage(Image({5, 3}), 1.5));
-    EXPECT_FALSE(m_stack.ReplaceImage(Image(), 3.0));
+    EXPECT_FALSE(m_stack.InsertImage(Image(), static_cast<double>(0.1f)) || m_stack.ReplaceImage(Image(), 3.0));
     EXPECT_EQ(ZOf(m_stack), (std::vector<double>{0.1, 1.0, 2.0}));
     try {
         m_stack.InsertImage(nullptr, 5.0);
@@ -120,14 +115,9 @@ TEST_F(ImageStackTest, PointsBoundsAndLookupsByZ)
         m_stack.GetImagesAroundZPosition(z, lower, higher);
         EXPECT_EQ(std::pair(indexOf(lower), indexOf(higher)), std::pair(below, above)) << z;
     }
-
-    ImageStack points;
-    for (const double z : {-0.5, 1.0, 2.7})
-        ASSERT_TRUE(points.InsertImage(Image(), z));
-    EXPECT_EQ(points.MinimumPoint(), Vector3(0.0, 0.0, -0.5));
-    EXPECT_EQ(points.MaximumPoint(), Vector3(3.0, 2.0, static_cast<double>(2.7f)));  // the last voxel
-    // z -0.5 truncates to 0: the box is slices 0 to 2, three deep.
-    EXPECT_EQ(points.Bounds(), Ax::Primitives::Bounds3(0.0, 0.0, 0.0, 4.0, 3.0, 3.0));
+    // The native stack gives sizes in x and y and a z range: here the last voxel and the box.
+    EXPECT_EQ(m_stack.MaximumPoint(), Vector3(3.0, 2.0, 3.0));
+    EXPECT_EQ(m_stack.Bounds(), Ax::Primitives::Bounds3(0.0, 0.0, 0.0, 4.0, 3.0, 4.0));
 }
 
 TEST_F(ImageStackTest, ReBasingMovesEveryImageAndKeepsSpacingImagesAndPadding)
