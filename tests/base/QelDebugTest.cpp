@@ -18,11 +18,8 @@ TEST(QelDebugTest, SettingNullDisarmsTheThrowingDefaultWhichThenRefusesMisuse)
 {
     (void)QelDebug::SetBugHandler(nullptr);
     QelBugHandler* first = QelDebug::BugHandler();
-    EXPECT_NE(dynamic_cast<Handler*>(first), nullptr);
-    EXPECT_TRUE(first->IsArmed());
     const std::unique_ptr<QelBugHandler> handler = QelDebug::SetBugHandler(nullptr);
     ASSERT_EQ(handler.get(), first);
-    EXPECT_TRUE(QelDebug::BugHandler()->IsArmed());
 
     const auto refusal = [](auto call) { return MessageOf<Handler::ErrorException>(call); };
     EXPECT_EQ(refusal([&] { handler->Assert("f", 1); }), "QelThrowBugHandler::Assert(..): object must be armed");

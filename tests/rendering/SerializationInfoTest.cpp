@@ -19,11 +19,6 @@ SerializationInfo Decoded(const std::string& bytes)
     return SerializationInfo::Read(in);
 }
 
-std::string Refusal(const std::string& bytes)
-{
-    return MessageOf<SerializationException>([&] { (void)Decoded(bytes); });
-}
-
 // A type name, an int and a bit array of 11 with its first and last bits set.
 const std::string kEncoded = std::string("AXKV\1\0\0\0\x16\0", 10) + "Ax.Rendering.BitVolume" +
                              std::string("\2\0\0\0\5\0", 6) + "Width" + std::string("\1\xFD\xFF\xFF\xFF\4\0", 7) + "Data" +
@@ -74,7 +69,7 @@ TEST(SerializationInfoTest, DamagedEncodingsAreRefusedWithTheirField)
          "Cannot add the same member twice to a SerializationInfo object."},
     };
     for (const auto& [bytes, message] : cases)
-        EXPECT_EQ(Refusal(bytes), message);
+        EXPECT_EQ(MessageOf<SerializationException>([&] { (void)Decoded(bytes); }), message);
 }
 
 }  // namespace

@@ -6,37 +6,24 @@
 
 #include <csignal>
 #include <stdexcept>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
 
-TEST(QelFaultGuardTest, FaultsBecomeRecordsWithTheirCodeAddressAndStack)
-{
-    QelFaultRecord fault;
-    EXPECT_FALSE(QelRunGuarded("Segv", [] { WriteToForbiddenPage(); }, fault));
-    EXPECT_EQ(fault.Code, 0xC0000005u);
-    EXPECT_EQ(fault.Signal, SIGSEGV);
-    EXPECT_TRUE(IsInside(fault.Address, &WriteToForbiddenPage)) << fault.Address;
-    EXPECT_GT(fault.FrameCount, 0);
-    EXPECT_EQ(QelLastExceptionCode(), 0xC0000005u);
-}
-
-// An inner guard catches its own fault, and leaves the outer one armed whether it
-// returned, faulted or was left by an exception; a stale inner frame would send the
-// outer fault into a dead stack frame.
+// A fault becomes a record of its code, signal, address and stack, and a crash
+// report. An inner guard catches its own fault, and leaves the outer one armed
+// whether it returned, faulted or was left by an exception; a stale inner frame
+// would send the outer fault into a dead stack frame.
 TEST(QelFaultGuardTest, NestedGuardsEachCatchTheirOwnFaults)
 {
-    QelFaultRecord outer;
-    QelFaultRecord inner;
-    bool innerSurvived = true;
-    bool threw = false;
-    bool reachedEnd = false;
+    QelFaultRecord outer, inner, unused;
+    bool innerSurvived = true, threw = false, reachedEnd = false;
     const bool outerSurvived = QelRunGuarded(
         "Outer",
         [&] {
             innerSurvived = QelRunGuarded("Inner", [] { WriteToForbiddenPage(); }, inner);
             try {
-                QelFaultRecord unused;
                 (void)QelRunGuarded("Throwing", [] { throw std::runtime_error("thrown"); }, unused);
             } catch (const std::runtime_error&) {
                 threw = true;
@@ -45,14 +32,13 @@ TEST(QelFaultGuardTest, NestedGuardsEachCatchTheirOwnFaults)
             reachedEnd = true;
         },
         outer);
-    EXPECT_FALSE(innerSurvived);
-    EXPECT_EQ(inner.Code, 0xC0000005u);
-    EXPECT_TRUE(threw);
-    EXPECT_FALSE(outerSurvived);
-    EXPECT_FALSE(reachedEnd);
-    EXPECT_EQ(outer.Code, 0xC0000094u);
-    EXPECT_EQ(outer.Signal, SIGFPE);
+    EXPECT_EQ(std::tuple(innerSurvived, threw, outerSurvived, reachedEnd), std::tuple(false, true, false, false));
+    EXPECT_EQ(std::pair(inner.Code, inner.Signal), std::pair(0xC0000005u, SIGSEGV));
+    EXPECT_TRUE(IsInside(inner.Address, &WriteToForbiddenPage)) << inner.Address;
+    EXPECT_GT(inner.FrameCount, 0);
+    EXPECT_EQ(std::pair(outer.Code, outer.Signal), std::pair(0xC0000094u, SIGFPE));
     EXPECT_TRUE(IsInside(outer.Address, &DivideByZero)) << outer.Address;
+    EXPECT_EQ(QelLastExceptionCode(), 0xC0000094u);
 }
 
 // Death tests start a fresh copy of the binary, so the guard's handlers are
