@@ -109,7 +109,7 @@ RandomCase MakeCase(Dice& d)
     const float cx = float(c.shape.width) * 0.5f, cy = float(c.shape.height) * 0.5f;
     const float cz = (c.shape.zs.front() + c.shape.zs.back()) * 0.5f;
     const float fraction = d.Chance(0.5) ? 0.0f : d.Real(0.0f, 1.0f);
-    switch (d.Int(0, 5)) {
+    switch (d.Int(0, 6)) {
     case 0:
         d.Oblique(d.Real(0.3f, 1.5f), x, y, normal);
         origin = QelVector3{cx, cy, cz} - x * (0.5f * float(c.canvasWidth)) - y;
@@ -138,6 +138,14 @@ RandomCase MakeCase(Dice& d)
                   d.Pick({slice, cz, slice + 0.0001f})};
         break;
     }
+    case 5:  // along image rows, either way, by up to a little over two voxels (16
+             // lanes then spread over as many voxels as one load takes), in a stack
+             // wide enough for such loads
+        c.shape.width = d.Int(30, 70);
+        x = {(d.Chance(0.5) ? d.Real(1.9f, 2.1f) : d.Real(0.2f, 1.9f)) * d.Pick({-1.0f, 1.0f}), 0.0f, 0.0f};
+        origin = {x[0] > 0.0f ? d.Real(-2.0f, 4.0f) : float(c.shape.width) - d.Real(-1.0f, 4.0f),
+                  float(d.Int(-1, 2)) + fraction, cz};
+        break;
     default:  // one voxel in x and a whole row in y per pixel
         x = {1.0f, float(d.Int(-1, 1)), 0.0f};
         origin = {float(d.Int(-6, 2)) + fraction, float(d.Int(0, 6)), cz};

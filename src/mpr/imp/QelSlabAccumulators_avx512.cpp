@@ -16,6 +16,14 @@ struct V {
     static constexpr bool kPermutes = true;
     // Lane i of the result is lane index[i] of table.
     static I Permute(I table, I index) noexcept { return _mm512_permutexvar_epi32(index, table); }
+    static constexpr bool kWordPairs = true;
+    // 32-bit lane i of the result holds 16-bit lanes offset[i] and offset[i] + 1 of
+    // table; offsets lie in 0 .. 30.
+    static I WordPairs(I table, I offset) noexcept
+    {
+        const I next = _mm512_add_epi32(offset, Set1(1));
+        return _mm512_permutexvar_epi16(_mm512_or_si512(offset, _mm512_slli_epi32(next, 16)), table);
+    }
     static I Min(I a, I b) noexcept { return _mm512_min_epi32(a, b); }
     static I Max(I a, I b) noexcept { return _mm512_max_epi32(a, b); }
 

@@ -14,6 +14,7 @@ struct V {
 
     // No variable permute before SSSE3: slices are looked up by compares alone.
     static constexpr bool kPermutes = false;
+    static constexpr bool kWordPairs = false;
 
     static I Set1(std::int32_t v) noexcept { return _mm_set1_epi32(v); }
     static I Set1_16(std::int16_t v) noexcept { return _mm_set1_epi16(v); }

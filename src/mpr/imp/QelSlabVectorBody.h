@@ -12,7 +12,9 @@
 // from each of kLanes pointers (LoadPairs) or from a base plus each lane's 32-bit
 // offset (GatherPairs). Unpack16Lo/Hi and Packs32 may work within 128-bit
 // halves, as long as Packs32(f(Unpack16Lo(a, b)), f(Unpack16Hi(a, b))) keeps the
-// pixels in order.
+// pixels in order. Levels with kPermutes also permute 32-bit lanes across the register
+// (Permute, with Min and Max), and those with kWordPairs take pairs of 16-bit lanes
+// from anywhere in it (WordPairs).
 
 #include "mpr/imp/QelSlabAccumulators.h"
 
@@ -85,8 +87,8 @@ struct Stage {
 };
 
 template <class V>
-void LoadLanes(SumLanes<V>& lanes, const QelSlabRow& row, std::int32_t j, std::int32_t m, Stage<V>& stage,
-               const Constants<V>& /*c*/) noexcept
+[[gnu::always_inline]] inline void LoadLanes(SumLanes<V>& lanes, const QelSlabRow& row, std::int32_t j,
+                                             std::int32_t m, Stage<V>& stage, const Constants<V>& /*c*/) noexcept
 {
     const std::uint8_t* target = row.Target + std::ptrdiff_t{j} * 4;
     const std::uint8_t* flags = row.Flags + std::ptrdiff_t{j} * 2;
@@ -102,8 +104,8 @@ void LoadLanes(SumLanes<V>& lanes, const QelSlabRow& row, std::int32_t j, std::i
 }
 
 template <class V>
-void StoreLanes(const SumLanes<V>& lanes, const QelSlabRow& row, std::int32_t j, std::int32_t m,
-                Stage<V>& stage, const Constants<V>& c) noexcept
+[[gnu::always_inline]] inline void StoreLanes(const SumLanes<V>& lanes, const QelSlabRow& row, std::int32_t j,
+                                              std::int32_t m, Stage<V>& stage, const Constants<V>& c) noexcept
 {
     std::uint8_t* target = m < V::kLanes ? stage.target : row.Target + std::ptrdiff_t{j} * 4;
     std::uint8_t* flags = m < V::kLanes ? stage.flags : row.Flags + std::ptrdiff_t{j} * 2;
@@ -116,8 +118,8 @@ void StoreLanes(const SumLanes<V>& lanes, const QelSlabRow& row, std::int32_t j,
 }
 
 template <class V>
-void LoadLanes(ExtremeLanes<V>& lanes, const QelSlabRow& row, std::int32_t j, std::int32_t m, Stage<V>& stage,
-               const Constants<V>& c) noexcept
+[[gnu::always_inline]] inline void LoadLanes(ExtremeLanes<V>& lanes, const QelSlabRow& row, std::int32_t j,
+                                             std::int32_t m, Stage<V>& stage, const Constants<V>& c) noexcept
 {
     const std::uint8_t* target = row.Target + std::ptrdiff_t{j} * 2;
     const std::uint8_t* flags = row.Flags + j;
@@ -134,8 +136,8 @@ void LoadLanes(ExtremeLanes<V>& lanes, const QelSlabRow& row, std::int32_t j, st
 }
 
 template <class V>
-void StoreLanes(const ExtremeLanes<V>& lanes, const QelSlabRow& row, std::int32_t j, std::int32_t m,
-                Stage<V>& stage, const Constants<V>& c) noexcept
+[[gnu::always_inline]] inline void StoreLanes(const ExtremeLanes<V>& lanes, const QelSlabRow& row, std::int32_t j,
+                                              std::int32_t m, Stage<V>& stage, const Constants<V>& c) noexcept
 {
     std::uint8_t* target = m < V::kLanes ? stage.target : row.Target + std::ptrdiff_t{j} * 2;
     std::uint8_t* flags = m < V::kLanes ? stage.flags : row.Flags + j;
@@ -658,8 +660,88 @@ void UnitStepRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, const
     std::memcpy(row.Flags + j * flagBytes, flags, m * flagBytes);
 }
 
-// Sample by sample, each across the whole row: with no z in the x step all pixels of
-// a sample share its slices.
+// A group of a plane row whose x step has no y part: its corners lie in one row pair
+// of its slices. For a level with a word permute, when they also lie within
+// 2 * kLanes neighbouring voxels, plain loads of those voxels and the permute take
+// the place of the gathers (where gathers are cheap, as for 8 lanes, they serve as
+// well). False, with nothing done, for a group that reaches outside the slices or
+// spreads wider (steps of more than about two voxels).
+template <class V, class Lanes>
+[[gnu::always_inline]] inline bool FinishAlongRow(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& c,
+                                                  const QelSlabPair& pair, const QelFixedPoint3& at,
+                                                  std::int32_t xStep, std::int32_t m, typename V::I x,
+                                                  typename V::I fz, typename V::I active) noexcept
+{
+    using I = typename V::I;
+    constexpr std::int32_t kWindow = 2 * V::kLanes;
+    if (static_cast<std::uint32_t>(at.Y) >= static_cast<std::uint32_t>(volume.HeightLimit))
+        return false;
+    // The lanes' x lie on a line; with both ends inside, none wrapped.
+    const std::int64_t xLast = std::int64_t{at.X} + std::int64_t{m - 1} * xStep;
+    const std::int64_t low = std::min<std::int64_t>(at.X, xLast);
+    const std::int64_t high = std::max<std::int64_t>(at.X, xLast);
+    if (low < 0 || high >= volume.WidthLimit)
+        return false;
+    // The window may not run past the row's last voxel, so near the right edge it
+    // starts earlier; xi + 1 of every lane must fall inside it.
+    const std::int32_t base =
+        std::min(static_cast<std::int32_t>(low >> 16), (volume.WidthLimit >> 16) + 1 - kWindow);
+    if (base < 0 || static_cast<std::int32_t>(high >> 16) - base > kWindow - 2)
+        return false;
+    const std::ptrdiff_t column = std::ptrdiff_t{base} * 2;
+    const std::uint8_t* lower = pair.Lower + std::ptrdiff_t{at.Y >> 16} * pair.LowerBytesPerLine + column;
+    const std::uint8_t* upper = pair.Upper + std::ptrdiff_t{at.Y >> 16} * pair.UpperBytesPerLine + column;
+    const I offset = V::Sub(V::template Srai<16>(x), V::Set1(base));
+    I rows[4];
+    rows[0] = V::WordPairs(V::Load(lower), offset);
+    rows[1] = V::WordPairs(V::Load(lower + pair.LowerBytesPerLine), offset);
+    if (pair.OnSlice) {
+        rows[2] = rows[0];
+        rows[3] = rows[1];
+    } else {
+        rows[2] = V::WordPairs(V::Load(upper), offset);
+        rows[3] = V::WordPairs(V::Load(upper + pair.UpperBytesPerLine), offset);
+    }
+    Interpolate<V>(lanes, c, rows, x, V::Set1(at.Y), fz, active, volume.HasPadding);
+    return true;
+}
+
+// One sample of a plane row for the first m of kLanes pixels whose first one lies at
+// `at`: with no z in the x step they share the sample's slices. Any step but the
+// unit one: the corners of neighbouring pixels are not neighbours in memory (or, for
+// steps along image rows, only nearly so), so each pixel takes its own weights.
+template <class V, class Lanes>
+[[gnu::always_inline]] inline void PlaneSample(Lanes& lanes, const QelSlabVolume& volume, const Constants<V>& c,
+                                               const QelSlabRow& row, const QelSlabPair& pair,
+                                               const QelFixedPoint3& at, typename V::I laneX, typename V::I laneY,
+                                               std::int32_t m) noexcept
+{
+    using I = typename V::I;
+    const I x = V::Add(V::Set1(at.X), laneX);
+    const I fz = V::Set1(static_cast<std::int32_t>(pair.Fz));
+    const I active = V::CmpGt(V::Set1(m), c.lanes);
+    if constexpr (V::kWordPairs) {
+        if (row.XStep.Y == 0 && FinishAlongRow<V>(lanes, volume, c, pair, at, row.XStep.X, m, x, fz, active))
+            return;
+    }
+    const I y = V::Add(V::Set1(at.Y), laneY);
+    if (volume.UniformPitch) {
+        FinishIndexed<V>(lanes, volume, c, x, y, fz, pair.Lower, c.zero, pair.Upper, c.zero, active, pair.OnSlice);
+        return;
+    }
+    LaneSlices<V::kLanes> slices;
+    slices.lower[0] = pair.Lower;
+    slices.upper[0] = pair.Upper;
+    slices.lowerPitch[0] = pair.LowerBytesPerLine;
+    slices.upperPitch[0] = pair.UpperBytesPerLine;
+    FinishPointers<V, true>(lanes, volume, c, slices, pair.OnSlice, x, y, fz, active);
+}
+
+// With no z in the x step all pixels of a sample share its slices, found once per
+// sample. A row stepping one voxel goes sample by sample, each across the whole row;
+// any other goes kLanes pixels at a time through all the samples, keeping their
+// accumulators in registers. Either way every pixel takes its samples in order,
+// which the extreme projections' padding rule needs.
 template <class V, class Lanes>
 void PlaneRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabRow& row) noexcept
 {
@@ -667,50 +749,60 @@ void PlaneRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabR
     constexpr int N = V::kLanes;
     std::int32_t firstHint = QelSlabValidHint(volume, row.FirstHint);
     std::int32_t laterHint = QelSlabValidHint(volume, row.LaterHint);
+    const std::int32_t laterFirst = row.FirstSample > 1 ? row.FirstSample : 1;
+    // The first pixel's position of sample s and its slices, false when it is
+    // skipped. Inlined: a call would clear the registers' upper halves, and the body
+    // then reloads its constants for every sample.
+    const auto findPair = [&](std::int32_t s, QelFixedPoint3& start, QelSlabPair& pair) __attribute__((always_inline)) {
+        start = s == 0 ? row.P : QelSlabWrapAddScaled(row.Q, row.SlabStep, s - laterFirst);
+        return QelSlabFindPair(volume, start.Z, s == 0 ? firstHint : laterHint, pair);
+    };
     if (volume.SafeOrigin && volume.WidthLimit > 0 && volume.HeightLimit > 0) {
         const Constants<V> c(volume, policy);
         const I laneX = LaneMultiples<V>(c, row.XStep.X);
         const I laneY = LaneMultiples<V>(c, row.XStep.Y);
-        const std::int32_t laterFirst = row.FirstSample > 1 ? row.FirstSample : 1;
-        const bool unitStep = row.XStep.X == 65536 && row.XStep.Y == 0;
         Stage<V> stage;
-        for (std::int32_t s = row.FirstSample; s <= row.LastSample; ++s) {
-            const QelFixedPoint3 start = s == 0 ? row.P : QelSlabWrapAddScaled(row.Q, row.SlabStep, s - laterFirst);
-            std::int32_t& hint = s == 0 ? firstHint : laterHint;
-            QelSlabPair pair;
-            if (!QelSlabFindPair(volume, start.Z, hint, pair))
-                continue;
-            std::int32_t first = 0;
-            std::int32_t last = -1;
-            if (unitStep && QelSlabUnitStepSpan(volume, start.X, row.Pixels, first, last)) {
-                if (static_cast<std::uint32_t>(start.Y) < static_cast<std::uint32_t>(volume.HeightLimit) &&
-                    first <= last)
-                    UnitStepRow<V>(volume, policy, c, row, pair, start.X, start.Y, first, last);
-                continue;
+        if (row.XStep.X == 65536 && row.XStep.Y == 0) {
+            for (std::int32_t s = row.FirstSample; s <= row.LastSample; ++s) {
+                QelFixedPoint3 start;
+                QelSlabPair pair;
+                if (!findPair(s, start, pair))
+                    continue;
+                std::int32_t first = 0;
+                std::int32_t last = -1;
+                if (QelSlabUnitStepSpan(volume, start.X, row.Pixels, first, last)) {
+                    if (static_cast<std::uint32_t>(start.Y) < static_cast<std::uint32_t>(volume.HeightLimit) &&
+                        first <= last)
+                        UnitStepRow<V>(volume, policy, c, row, pair, start.X, start.Y, first, last);
+                    continue;
+                }
+                // x wraps within the row.
+                for (std::int32_t j = 0; j < row.Pixels; j += N) {
+                    const std::int32_t m = std::min(row.Pixels - j, N);
+                    Lanes lanes;
+                    LoadLanes<V>(lanes, row, j, m, stage, c);
+                    PlaneSample<V>(lanes, volume, c, row, pair, QelSlabWrapAddScaled(start, row.XStep, j), laneX,
+                                   laneY, m);
+                    StoreLanes<V>(lanes, row, j, m, stage, c);
+                }
             }
-            // Any other step, also one that climbs whole rows per pixel: the corners
-            // of neighbouring pixels are not neighbours in memory, so each pixel
-            // takes its own weights and reads.
-            LaneSlices<N> slices;
-            slices.lower[0] = pair.Lower;
-            slices.upper[0] = pair.Upper;
-            slices.lowerPitch[0] = pair.LowerBytesPerLine;
-            slices.upperPitch[0] = pair.UpperBytesPerLine;
-            const I fz = V::Set1(static_cast<std::int32_t>(pair.Fz));
-            for (std::int32_t j = 0; j < row.Pixels; j += N) {
-                const std::int32_t m = row.Pixels - j < N ? row.Pixels - j : N;
-                Lanes lanes;
-                LoadLanes<V>(lanes, row, j, m, stage, c);
-                const QelFixedPoint3 at = QelSlabWrapAddScaled(start, row.XStep, j);
-                const I x = V::Add(V::Set1(at.X), laneX);
-                const I y = V::Add(V::Set1(at.Y), laneY);
-                const I active = V::CmpGt(V::Set1(m), c.lanes);
-                if (volume.UniformPitch)
-                    FinishIndexed<V>(lanes, volume, c, x, y, fz, pair.Lower, c.zero, pair.Upper, c.zero, active,
-                                     pair.OnSlice);
-                else
-                    FinishPointers<V, true>(lanes, volume, c, slices, pair.OnSlice, x, y, fz, active);
-                StoreLanes<V>(lanes, row, j, m, stage, c);
+        } else {
+            constexpr std::int32_t kBlock = 32;
+            QelFixedPoint3 starts[kBlock];
+            QelSlabPair pairs[kBlock];
+            for (std::int32_t s0 = row.FirstSample; s0 <= row.LastSample; s0 += kBlock) {
+                std::int32_t found = 0;
+                for (std::int32_t s = s0; s <= std::min(row.LastSample, s0 + kBlock - 1); ++s)
+                    found += findPair(s, starts[found], pairs[found]) ? 1 : 0;
+                for (std::int32_t j = 0; found > 0 && j < row.Pixels; j += N) {
+                    const std::int32_t m = std::min(row.Pixels - j, N);
+                    Lanes lanes;
+                    LoadLanes<V>(lanes, row, j, m, stage, c);
+                    for (std::int32_t i = 0; i < found; ++i)
+                        PlaneSample<V>(lanes, volume, c, row, pairs[i], QelSlabWrapAddScaled(starts[i], row.XStep, j),
+                                       laneX, laneY, m);
+                    StoreLanes<V>(lanes, row, j, m, stage, c);
+                }
             }
         }
     }
