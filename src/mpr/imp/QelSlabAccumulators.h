@@ -111,7 +111,7 @@ struct QelSlabRow {
 };
 
 /// The bodies. The general row takes pixel by pixel, each through its samples; the
-/// plane row needs XStep.Z == 0 and takes sample by sample, each across the row.
+/// plane row needs XStep.Z == 0, so that all pixels of a sample share its slices.
 struct QelSlabKernels {
     void (*generalRow)(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabRow& row) noexcept;
     void (*planeRow)(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabRow& row) noexcept;
