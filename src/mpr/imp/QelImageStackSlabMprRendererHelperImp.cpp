@@ -108,8 +108,7 @@ bool QelSlabHelperBase::Init(const QelImageStack& stack, const QelMatrix34& view
     std::int32_t* factors = columns + columnLength;
     m_offsetColumn = columns + 2 * columnLength;
     std::int32_t* missing = columns + 3 * columnLength;
-    m_columnLength = columnLength;
-    m_volume.Columns = {columns, factors, m_offsetColumn, missing, coarse, coarseSteps};
+    m_volume.Columns = {columns, factors, m_offsetColumn, missing, coarseSteps};
     for (std::size_t k = 0; k < columnLength; ++k) {
         const QelSlabSlice& slice = slices[std::min<std::size_t>(k, std::size_t(count))];
         columns[k] = slice.FixedZ;
@@ -195,7 +194,7 @@ void QelSlabHelperBase::SetSegmentReach(std::int64_t reach) noexcept
         slice.SegmentBase = segment;
     }
     // Past the last slice every window reads the first sentinel's offset.
-    for (std::size_t k = 0; k < m_columnLength; ++k)
+    for (std::size_t k = 0; k < std::size_t(m_volume.Count) + kSlabColumnPad; ++k)
         m_offsetColumn[k] = m_slices[std::min<std::size_t>(k, std::size_t(m_volume.Count))].SegmentOffset;
 }
 

@@ -76,11 +76,10 @@ private:
 
     void* m_tables = nullptr;  // slices and coarse index, from the memory manager
     QelSlabSlice* m_slices = nullptr;  // in m_tables
-    // The volume's columns, kColumns of m_columnLength entries each, in m_tables;
-    // the segment offsets change with the segment reach.
+    // The volume's columns, kColumns of Count + kSlabColumnPad entries each, in
+    // m_tables; the segment offsets change with the segment reach.
     static constexpr std::size_t kColumns = 4;
     std::int32_t* m_offsetColumn = nullptr;
-    std::size_t m_columnLength = 0;
     QelSlabVolume m_volume{};
     std::int32_t m_width = 0;
     std::int32_t m_height = 0;

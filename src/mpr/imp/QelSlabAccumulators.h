@@ -38,7 +38,8 @@ constexpr std::int32_t kSlabSentinels = 3;
 /// every lane at once by permuting a window of a column held in one register. A
 /// window starts at any slice (or the one after it) and is as long as the widest
 /// register, so each column runs kSlabColumnPad entries past the last slice, with the
-/// sentinels' values; Coarse runs as far past its last entry, repeating it.
+/// sentinels' values; the volume's Coarse runs as far past its last entry, repeating
+/// it.
 constexpr std::int32_t kSlabColumnPad = 17;
 
 struct QelSlabColumns {
@@ -46,8 +47,7 @@ struct QelSlabColumns {
     const std::int32_t* GapFactor;  // the bits of the float
     const std::int32_t* SegmentOffset;
     const std::int32_t* Missing;
-    const std::int32_t* Coarse;
-    // How many slices past Coarse's entry a walk within one entry's range can go:
+    // How many slices past a Coarse entry a walk within one entry's range can go:
     // 1 for evenly spaced slices, more where gaps are far narrower than the widest.
     std::int32_t CoarseSteps;
 };

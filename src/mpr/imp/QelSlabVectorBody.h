@@ -365,13 +365,13 @@ template <class V, class Lanes>
     const std::int32_t highEntry = (high > last ? last : high) >> 16;
     if (highEntry - lowEntry >= N)
         return false;
-    const std::int32_t first = columns.Coarse[lowEntry];
-    const std::int32_t bound = std::min(columns.Coarse[highEntry] + columns.CoarseSteps, volume.Count - 1);
+    const std::int32_t first = volume.Coarse[lowEntry];
+    const std::int32_t bound = std::min(volume.Coarse[highEntry] + columns.CoarseSteps, volume.Count - 1);
     const QelSlabSlice* slices = volume.Slices;
     if (bound - first >= N || slices[first].SegmentBase != slices[bound + 1].SegmentBase)
         return false;
     const I clamped = V::Max(V::Min(z, V::Set1(last)), c.zero);
-    I slice = V::Sub(V::Permute(V::Load(columns.Coarse + lowEntry), V::Sub(V::template Srai<16>(clamped),
+    I slice = V::Sub(V::Permute(V::Load(volume.Coarse + lowEntry), V::Sub(V::template Srai<16>(clamped),
                                                                              V::Set1(lowEntry))),
                      V::Set1(first));
     // A z at or past its gap's end (the next slice's fixed z) moves on: the highest
@@ -605,25 +605,21 @@ void UnitStepRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, const
                            c.ones);
             return;
         }
-        const I l0 = V::Load(l), l1 = V::Load(l + 2);
-        const I l2 = V::Load(l + lp), l3 = V::Load(l + lp + 2);
-        I hits = V::Or(V::Or(V::CmpEq16(l0, c.padding16), V::CmpEq16(l1, c.padding16)),
-                       V::Or(V::CmpEq16(l2, c.padding16), V::CmpEq16(l3, c.padding16)));
-        I low = V::Add(V::Madd(V::Unpack16Lo(V::Sub16(l0, c.bias16), V::Sub16(l1, c.bias16)), lower0),
-                       V::Madd(V::Unpack16Lo(V::Sub16(l2, c.bias16), V::Sub16(l3, c.bias16)), lower1));
-        I high = V::Add(V::Madd(V::Unpack16Hi(V::Sub16(l0, c.bias16), V::Sub16(l1, c.bias16)), lower0),
-                        V::Madd(V::Unpack16Hi(V::Sub16(l2, c.bias16), V::Sub16(l3, c.bias16)), lower1));
-        if (twoSlices) {
-            const I u0 = V::Load(u), u1 = V::Load(u + 2);
-            const I u2 = V::Load(u + up), u3 = V::Load(u + up + 2);
-            hits = V::Or(hits, V::Or(V::Or(V::CmpEq16(u0, c.padding16), V::CmpEq16(u1, c.padding16)),
-                                     V::Or(V::CmpEq16(u2, c.padding16), V::CmpEq16(u3, c.padding16))));
-            low = V::Add(low, V::Add(V::Madd(V::Unpack16Lo(V::Sub16(u0, c.bias16), V::Sub16(u1, c.bias16)), upper0),
-                                     V::Madd(V::Unpack16Lo(V::Sub16(u2, c.bias16), V::Sub16(u3, c.bias16)), upper1)));
-            high = V::Add(high,
-                          V::Add(V::Madd(V::Unpack16Hi(V::Sub16(u0, c.bias16), V::Sub16(u1, c.bias16)), upper0),
-                                 V::Madd(V::Unpack16Hi(V::Sub16(u2, c.bias16), V::Sub16(u3, c.bias16)), upper1)));
-        }
+        I hits = c.zero, low = c.zero, high = c.zero;
+        // One slice's rows yi (at p) and yi + 1, weighed in pairs by w0 and w1.
+        const auto addSlice = [&](const std::uint8_t* p, std::ptrdiff_t pitch, I w0, I w1) {
+            const I p0 = V::Load(p), p1 = V::Load(p + 2);
+            const I p2 = V::Load(p + pitch), p3 = V::Load(p + pitch + 2);
+            hits = V::Or(hits, V::Or(V::Or(V::CmpEq16(p0, c.padding16), V::CmpEq16(p1, c.padding16)),
+                                     V::Or(V::CmpEq16(p2, c.padding16), V::CmpEq16(p3, c.padding16))));
+            const I a0 = V::Sub16(p0, c.bias16), a1 = V::Sub16(p1, c.bias16);
+            const I a2 = V::Sub16(p2, c.bias16), a3 = V::Sub16(p3, c.bias16);
+            low = V::Add(low, V::Add(V::Madd(V::Unpack16Lo(a0, a1), w0), V::Madd(V::Unpack16Lo(a2, a3), w1)));
+            high = V::Add(high, V::Add(V::Madd(V::Unpack16Hi(a0, a1), w0), V::Madd(V::Unpack16Hi(a2, a3), w1)));
+        };
+        addSlice(l, lp, lower0, lower1);
+        if (twoSlices)
+            addSlice(u, up, upper0, upper1);
         const I valid = volume.HasPadding ? V::CmpEq16(hits, c.zero) : c.ones;
         TakeInRound<V>(into, t, c, policy.Sum, Values16<V>(low, high, c), valid);
     };
@@ -762,6 +758,20 @@ void PlaneRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabR
         const I laneX = LaneMultiples<V>(c, row.XStep.X);
         const I laneY = LaneMultiples<V>(c, row.XStep.Y);
         Stage<V> stage;
+        // Groups of kLanes pixels across the row, each through the `found` samples
+        // whose first pixels lie at `starts`.
+        const auto takeGroups = [&](const QelFixedPoint3* starts, const QelSlabPair* pairs,
+                                     std::int32_t found) __attribute__((always_inline)) {
+            for (std::int32_t j = 0; found > 0 && j < row.Pixels; j += N) {
+                const std::int32_t m = std::min(row.Pixels - j, N);
+                Lanes lanes;
+                LoadLanes<V>(lanes, row, j, m, stage, c);
+                for (std::int32_t i = 0; i < found; ++i)
+                    PlaneSample<V>(lanes, volume, c, row, pairs[i], QelSlabWrapAddScaled(starts[i], row.XStep, j),
+                                   laneX, laneY, m);
+                StoreLanes<V>(lanes, row, j, m, stage, c);
+            }
+        };
         if (row.XStep.X == 65536 && row.XStep.Y == 0) {
             for (std::int32_t s = row.FirstSample; s <= row.LastSample; ++s) {
                 QelFixedPoint3 start;
@@ -770,21 +780,11 @@ void PlaneRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabR
                     continue;
                 std::int32_t first = 0;
                 std::int32_t last = -1;
-                if (QelSlabUnitStepSpan(volume, start.X, row.Pixels, first, last)) {
-                    if (static_cast<std::uint32_t>(start.Y) < static_cast<std::uint32_t>(volume.HeightLimit) &&
-                        first <= last)
-                        UnitStepRow<V>(volume, policy, c, row, pair, start.X, start.Y, first, last);
-                    continue;
-                }
-                // x wraps within the row.
-                for (std::int32_t j = 0; j < row.Pixels; j += N) {
-                    const std::int32_t m = std::min(row.Pixels - j, N);
-                    Lanes lanes;
-                    LoadLanes<V>(lanes, row, j, m, stage, c);
-                    PlaneSample<V>(lanes, volume, c, row, pair, QelSlabWrapAddScaled(start, row.XStep, j), laneX,
-                                   laneY, m);
-                    StoreLanes<V>(lanes, row, j, m, stage, c);
-                }
+                if (!QelSlabUnitStepSpan(volume, start.X, row.Pixels, first, last))
+                    takeGroups(&start, &pair, 1);  // x wraps within the row
+                else if (static_cast<std::uint32_t>(start.Y) < static_cast<std::uint32_t>(volume.HeightLimit) &&
+                         first <= last)
+                    UnitStepRow<V>(volume, policy, c, row, pair, start.X, start.Y, first, last);
             }
         } else {
             constexpr std::int32_t kBlock = 32;
@@ -794,15 +794,7 @@ void PlaneRow(const QelSlabVolume& volume, const QelSlabPolicy& policy, QelSlabR
                 std::int32_t found = 0;
                 for (std::int32_t s = s0; s <= std::min(row.LastSample, s0 + kBlock - 1); ++s)
                     found += findPair(s, starts[found], pairs[found]) ? 1 : 0;
-                for (std::int32_t j = 0; found > 0 && j < row.Pixels; j += N) {
-                    const std::int32_t m = std::min(row.Pixels - j, N);
-                    Lanes lanes;
-                    LoadLanes<V>(lanes, row, j, m, stage, c);
-                    for (std::int32_t i = 0; i < found; ++i)
-                        PlaneSample<V>(lanes, volume, c, row, pairs[i], QelSlabWrapAddScaled(starts[i], row.XStep, j),
-                                       laneX, laneY, m);
-                    StoreLanes<V>(lanes, row, j, m, stage, c);
-                }
+                takeGroups(starts, pairs, found);
             }
         }
     }
