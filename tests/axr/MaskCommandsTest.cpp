@@ -22,11 +22,6 @@ bool SameVoxels(const BitVolume& a, const BitVolume& b)
     return a.ToString() == b.ToString() && first.GetBitArray("Data") == second.GetBitArray("Data");
 }
 
-std::shared_ptr<BitVolume> LibraryThreshold(std::int32_t threshold, std::int32_t depth = 48)
-{
-    return std::make_shared<BitVolume>(*Load("phantom:48").stack, depth, threshold);
-}
-
 class MaskCommandsTest : public ScratchTest {
 protected:
     // The tool's run, which must succeed, and the mask it wrote.
@@ -40,11 +35,12 @@ protected:
 
 TEST_F(MaskCommandsTest, OperationsWriteTheLibrarysMasks)
 {
+    const auto phantom = Load("phantom:48");
     const auto bone = Run("mask threshold phantom:48 --hu 300", "bone.axm");
     EXPECT_GT(Axr::Summarize(*bone).setVoxels, 1000);
-    EXPECT_TRUE(SameVoxels(*bone, *LibraryThreshold(1324)));
+    EXPECT_TRUE(SameVoxels(*bone, BitVolume(*phantom.stack, 48, 1324)));
     const auto body = Run("mask threshold phantom:48 --min 700 --depth 30", "body.axm");
-    EXPECT_TRUE(SameVoxels(*body, *LibraryThreshold(700, 30)));
+    EXPECT_TRUE(SameVoxels(*body, BitVolume(*phantom.stack, 30, 700)));
 
     EXPECT_TRUE(SameVoxels(*Run("mask union bone.axm body.axm", "u.axm"), *bone->Union(*body)));
     EXPECT_TRUE(SameVoxels(*Run("mask intersect bone.axm body.axm", "i.axm"), *bone->Intersection(*body)));

@@ -19,9 +19,8 @@ namespace {
 float MaxDifference(const QelMatrix34& a, const QelMatrix34& b)
 {
     float difference = 0.0f;
-    for (int r = 0; r < QelMatrix34::kRows; ++r)
-        for (int c = 0; c < QelMatrix34::kColumns; ++c)
-            difference = std::max(difference, std::abs(a.Elem(r, c) - b.Elem(r, c)));
+    for (int k = 0; k < QelMatrix34::kCount; ++k)
+        difference = std::max(difference, std::abs(a.Data()[k] - b.Data()[k]));
     return difference;
 }
 
@@ -65,8 +64,7 @@ TEST(QelMatrix34Test, FactoriesMoveAPointWhereTheirDefinitionsSayAndProductsAppl
     std::uniform_int_distribution<int> value(-8, 8);
     const auto randomMatrix = [&] {
         std::array<float, QelMatrix34::kCount> elements;
-        for (float& element : elements)
-            element = static_cast<float>(value(random));
+        std::ranges::generate(elements, [&] { return static_cast<float>(value(random)); });
         return QelMatrix34(elements);
     };
     for (int i = 0; i < 200; ++i) {

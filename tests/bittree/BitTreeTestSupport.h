@@ -29,15 +29,6 @@ inline void FillBlock(QelBlockedBitTree& tree, std::uint32_t i)
         ASSERT_TRUE(tree.SetRowBits(i, n % 32, n / 32, ~0u));
 }
 
-// An entry's bit as stored, outside the volume too: an empty entry is clear, a full one set.
-inline bool RawBit(const QelBlockedBitTree& tree, std::uint32_t x, std::uint32_t y, std::uint32_t z)
-{
-    const QelBlockedBitTree::Block* entry = tree.GetBlock(tree.GetBlockIndex(x, y, z));
-    if (!QelBlockedBitTree::HasStorage(entry))
-        return entry != nullptr;
-    return entry->Bits[128 * (z % 32) + 32 * (x % 32 / 8) + y % 32] >> (x % 8) & 1;
-}
-
 // The plain reference: one byte per voxel of a volume's whole block grid, padding included.
 struct Grid {
     Grid(std::uint32_t width, std::uint32_t height, std::uint32_t depth)
@@ -45,12 +36,25 @@ struct Grid {
           bits(std::size_t{gw} * gh * gd)
     {
     }
+    // The tree's bits as stored, outside the volume too: an empty entry is clear, a full one set.
     static Grid Of(const QelBlockedBitTree& tree)
     {
-        Grid g(tree.Width(), tree.Height(), tree.Depth());
-        for (std::uint32_t n = 0; n < g.bits.size(); ++n)
-            g.bits[n] = RawBit(tree, n % g.gw, n / g.gw % g.gh, n / g.gw / g.gh);
-        return g;
+        const Grid size(tree.Width(), tree.Height(), tree.Depth());
+        return size.Map([&](std::uint32_t x, std::uint32_t y, std::uint32_t z) {
+            const QelBlockedBitTree::Block* entry = tree.GetBlock(tree.GetBlockIndex(x, y, z));
+            if (!QelBlockedBitTree::HasStorage(entry))
+                return entry != nullptr;
+            return (entry->Bits[128 * (z % 32) + 32 * (x % 32 / 8) + y % 32] >> (x % 8) & 1) != 0;
+        });
+    }
+    // A grid of this size with f(x, y, z) at every voxel, padding included.
+    template <class F>
+    Grid Map(F f) const
+    {
+        Grid out(w, h, d);
+        for (std::uint32_t n = 0; n < bits.size(); ++n)
+            out.bits[n] = f(std::int64_t{n % gw}, std::int64_t{n / gw % gh}, std::int64_t{n / gw / gh});
+        return out;
     }
     bool InVolume(std::int64_t x, std::int64_t y, std::int64_t z) const { return Within(x, y, z, w, h, d); }
     bool InGrid(std::int64_t x, std::int64_t y, std::int64_t z) const { return Within(x, y, z, gw, gh, gd); }
@@ -63,10 +67,7 @@ struct Grid {
     // The same voxels inside the volume, padding clear.
     Grid Volume() const
     {
-        Grid g(w, h, d);
-        for (std::uint32_t n = 0; n < bits.size(); ++n)
-            g.bits[n] = bits[n] && InVolume(n % gw, n / gw % gh, n / gw / gh);
-        return g;
+        return Map([this](auto x, auto y, auto z) { return Get(x, y, z) && InVolume(x, y, z); });
     }
     static bool Within(std::int64_t x, std::int64_t y, std::int64_t z, std::int64_t a, std::int64_t b, std::int64_t c)
     {
@@ -120,6 +121,16 @@ inline void ExpectTreeIs(const QelBlockedBitTree& tree, const Grid& ref, bool pa
     }
     EXPECT_EQ(wrongAccessors, std::vector<std::uint32_t>()) << "blocks whose rows or columns differ from their bits";
     EXPECT_EQ(wrongFlags, std::vector<std::uint32_t>()) << "blocks flagged empty with set voxels in reach";
+}
+
+// ExpectTreeIs after what a writer's caller does with the tree before anyone reads it.
+inline void ExpectMatches(QelBlockedBitTree* tree, const Grid& ref, bool padding = false)
+{
+    ASSERT_NE(tree, nullptr);
+    tree->CompleteSummaryInX();
+    tree->CompleteSummaryInY();
+    tree->ComputeBlockEmptiness();
+    ExpectTreeIs(*tree, ref, padding);
 }
 
 // Entries of every form: empty, full, sparse, nearly full and random rows, written

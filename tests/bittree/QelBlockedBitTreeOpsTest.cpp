@@ -17,15 +17,6 @@ namespace Ops = QelBlockedBitTreeOps;
 namespace {
 
 using Reach = std::array<int, 6>;  // x-, x+, y-, y+, z-, z+
-using Voxel = std::function<bool(std::int64_t, std::int64_t, std::int64_t)>;
-
-Grid Map(const Grid& a, const Voxel& f)
-{
-    Grid out(a.w, a.h, a.d);
-    for (std::uint32_t n = 0; n < out.bits.size(); ++n)
-        out.bits[n] = f(n % a.gw, n / a.gw % a.gh, n / a.gw / a.gh);
-    return out;
-}
 
 // A box is separable: one axis at a time, out(p) = OR (dilate) or AND (erode) of in(p + s)
 // for s from -plus to +minus. Dilation reads the whole grid, padding too; erosion reads
@@ -34,7 +25,7 @@ Grid Spread(Grid in, const Reach& r, bool dilate)
 {
     in = dilate ? in : in.Volume();
     for (int axis = 0; axis < 3; ++axis)
-        in = Map(in, [&](std::int64_t x, std::int64_t y, std::int64_t z) {
+        in = in.Map([&](std::int64_t x, std::int64_t y, std::int64_t z) {
             bool acc = !dilate;
             for (int s = -r[2 * axis + 1]; s <= r[2 * axis]; ++s) {
                 std::int64_t p[3] = {x, y, z};
@@ -85,14 +76,14 @@ TEST(QelBlockedBitTreeOpsTest, OperationsMatchTheReference)
             auto a = RandomTree(w, h, d, random), b = RandomTree(w, h, d, random);
             const Grid ga = Grid::Of(*a), gb = Grid::Of(*b);
             const auto both = [&](auto op) {
-                return Map(ga, [&](auto x, auto y, auto z) { return op(ga.Get(x, y, z), gb.Get(x, y, z)); });
+                return ga.Map([&](auto x, auto y, auto z) { return op(ga.Get(x, y, z), gb.Get(x, y, z)); });
             };
             ExpectTreeIs(*Ops::Union(*a, *b), both(std::logical_or<>()), true);
             ExpectTreeIs(*Ops::Intersection(*a, *b), both(std::logical_and<>()), true);
             ExpectTreeIs(*Ops::Xor(*a, *b), both(std::not_equal_to<>()), true);
             // A full entry comes back empty; elsewhere rows beyond the height come out set,
             // planes beyond the depth clear, the rest inverted.
-            ExpectTreeIs(*Ops::Invert(*a), Map(ga, [&](auto x, auto y, auto z) {
+            ExpectTreeIs(*Ops::Invert(*a), ga.Map([&](auto x, auto y, auto z) {
                              return a->GetBlock(a->GetBlockIndex(x, y, z)) != QelBlockedBitTree::FullBlock() &&
                                     z < d && (y >= h || !ga.Get(x, y, z));
                          }), true);
@@ -114,7 +105,7 @@ TEST(QelBlockedBitTreeOpsTest, OperationsMatchTheReference)
                     const QelBlockedBitTree* mask = variant == 2 ? b.get() : nullptr;
                     ASSERT_TRUE(Ops::Downsize(*a, *target, 0, half, variant != 1, mask));
                     ASSERT_TRUE(Ops::Downsize(*a, *target, half, a->GetBlockCount(), variant != 1, mask));
-                    ExpectTreeIs(*target, Map(Grid(tw, (h + f - 1) / f, (d + f - 1) / f), [&](auto x, auto y, auto z) {
+                    ExpectTreeIs(*target, Grid(tw, (h + f - 1) / f, (d + f - 1) / f).Map([&](auto x, auto y, auto z) {
                                      return Downsized(ga, mask ? &gb : nullptr, f, variant != 1, x, y, z);
                                  }));
                 }
@@ -168,11 +159,12 @@ TEST(QelBlockedBitTreeOpsTest, RunningOutOfMemoryLeavesNothingBehind)
     auto a = RandomTree(70, 45, 40, random, &manager), b = RandomTree(70, 45, 40, random, &manager);
     ASSERT_TRUE(a && b);
     const std::size_t operands = manager.Outstanding();
-    // Every operation in a row, so that each allocation among them fails in turn.
+    // Every operation in a row, a new tree and a copy among them, so that each
+    // allocation among them fails in turn.
     const auto operations = [&] {
         auto target = MakeTree(35, 23, 20, &manager);
-        return target && Ops::Union(*a, *b) && Ops::Intersection(*a, *b) && Ops::Xor(*a, *b) && Ops::Invert(*a) &&
-               Ops::CubicDilate(*a, 1, 2, 1, 2, 1, 2) && Ops::CubicErode(*a, 2, 1, 2, 1, 2, 1) &&
+        return target && a->Copy() && Ops::Union(*a, *b) && Ops::Intersection(*a, *b) && Ops::Xor(*a, *b) &&
+               Ops::Invert(*a) && Ops::CubicDilate(*a, 1, 2, 1, 2, 1, 2) && Ops::CubicErode(*a, 2, 1, 2, 1, 2, 1) &&
                Ops::Downsize(*a, *target, 0, a->GetBlockCount(), true, nullptr);
     };
     for (int allowed = 0;; ++allowed) {

@@ -57,38 +57,25 @@ struct TestVolume {
     Grid Reference(std::int64_t threshold, std::int32_t first, std::int32_t last) const
     {
         const QelIntBBox3 box = Accelerator().VolumeBox();
-        Grid ref(box.Width(), box.Height(), box.Depth());
-        for (std::int32_t z = std::max(first, 0); z <= std::min(last, box.Depth() - 1); ++z) {
+        const Grid size(box.Width(), box.Height(), box.Depth());
+        return size.Map([&](std::int64_t x, std::int64_t y, std::int64_t z) {
+            if (!size.InVolume(x, y, z) || z < first || z > last)
+                return false;
             const std::uint8_t *above = nullptr, *below = nullptr;
-            const std::uint16_t fraction = Accelerator().RowPlanes(z, above, below);
-            for (std::int32_t n = 0; n < box.Width() * box.Height(); ++n) {
-                const std::int32_t x = n % box.Width(), y = n / box.Width();
-                const std::ptrdiff_t at = std::ptrdiff_t{y} * stack->BytesPerLine() + 2 * x;
-                std::uint16_t a, b;
-                std::memcpy(&a, above + at, 2);
-                std::memcpy(&b, below + at, 2);
-                ref.Set(x, y, z,
-                        ExpectedBit(a, b, fraction != 0, fraction >> 2, isSigned, stack->HasPadding(),
-                                    static_cast<std::uint16_t>(stack->PaddingValue()), threshold));
-            }
-        }
-        return ref;
+            const std::uint16_t fraction = Accelerator().RowPlanes(std::int32_t(z), above, below);
+            const std::ptrdiff_t at = y * stack->BytesPerLine() + 2 * x;
+            std::uint16_t a, b;
+            std::memcpy(&a, above + at, 2);
+            std::memcpy(&b, below + at, 2);
+            return ExpectedBit(a, b, fraction != 0, fraction >> 2, isSigned, stack->HasPadding(),
+                               static_cast<std::uint16_t>(stack->PaddingValue()), threshold);
+        });
     }
 
     bool isSigned;
     std::vector<std::unique_ptr<TestSlice>> slices;  // declared first: outlives the stack
     std::unique_ptr<QelImageStack> stack = QelImageStack::New();
 };
-
-// What the caller does with the tree before anyone reads it.
-void ExpectMatches(QelBlockedBitTree* tree, const Grid& expected)
-{
-    ASSERT_NE(tree, nullptr);
-    tree->CompleteSummaryInX();
-    tree->CompleteSummaryInY();
-    tree->ComputeBlockEmptiness();
-    ExpectTreeIs(*tree, expected);
-}
 
 struct StackCase {
     bool isSigned, hasPadding, uneven;  // uneven: slices at uneven z, so that most rows blend two

@@ -27,31 +27,9 @@ Row RowOf(const Accelerator& accelerator, std::int32_t row)
     return {above, below, fraction};
 }
 
-void Put(const TestSlice& slice, std::int32_t x, std::int32_t y, std::uint16_t value)
-{
-    std::memcpy(slice.PixelAddress(x, y), &value, sizeof value);
-}
-
-class QelImageStackSegmentationAcceleratorTest : public ::testing::Test {
+class QelImageStackSegmentationAcceleratorTest : public StackTest {
 protected:
-    TestSlice* Slice(std::int32_t width = 4, std::int32_t height = 3, std::int32_t bytesPerLine = 0)
-    {
-        return m_slices.emplace_back(std::make_unique<TestSlice>(width, height, 2, bytesPerLine)).get();
-    }
-    // Origins of new slices at `zValues`, in the order given.
-    std::vector<const std::uint8_t*> Fill(std::initializer_list<float> zValues)
-    {
-        std::vector<const std::uint8_t*> origins;
-        for (float z : zValues) {
-            EXPECT_TRUE(m_stack->InsertImage(Slice(), z, false, false)) << z;
-            origins.push_back(m_slices.back()->OriginAddress());
-        }
-        return origins;
-    }
     const Accelerator& Segmentation() const { return *m_stack->SegmentationAccelerator(); }
-
-    std::vector<std::unique_ptr<TestSlice>> m_slices;  // declared first: outlives the stack
-    std::unique_ptr<QelImageStack> m_stack = QelImageStack::New();
 };
 
 TEST_F(QelImageStackSegmentationAcceleratorTest, RowsBlendTheSlicesAroundThemAndRepeatTheEndSlicesBeyond)
@@ -130,12 +108,13 @@ TEST_F(QelImageStackSegmentationAcceleratorTest, BlockValuesMatchAPlainScanOfRan
         SCOPED_TRACE(::testing::Message() << "trial " << trial << ": " << width << "x" << height);
         float z = static_cast<float>(pick(-20, 20)) / 4.0f;
         for (int i = pick(1, 5); i > 0; --i, z += static_cast<float>(pick(1, 60)) / 4.0f) {
-            TestSlice* slice = Slice(width, height, bytesPerLine);
+            TestSlice* slice = Slice(width, height, 2, bytesPerLine);
             // Bytes past the width hold a value no voxel has, to show when they are read.
             std::memset(slice->OriginAddress(), 0x7E, static_cast<std::size_t>(bytesPerLine) * height);
             for (int n = 0; n < width * height; ++n) {
                 const bool pad = n % width >= paddedFrom || pick(0, 9) == 0;
-                Put(*slice, n % width, n / width, std::uint16_t(pad ? padding : pick(0, 600) - (isSigned ? 300 : 0)));
+                const auto value = std::uint16_t(pad ? padding : pick(0, 600) - (isSigned ? 300 : 0));
+                std::memcpy(slice->PixelAddress(n % width, n / width), &value, sizeof value);
             }
             ASSERT_TRUE(m_stack->InsertImage(slice, z, false, isSigned));
         }

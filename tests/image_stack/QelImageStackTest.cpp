@@ -34,22 +34,7 @@ std::string VerifyText(const QelImageStack& stack)
     return stack.Verify(message, sizeof message) ? "verified" : message;
 }
 
-class QelImageStackTest : public ::testing::Test {
-protected:
-    TestSlice* Slice(std::int32_t width = 4, std::int32_t height = 3, std::int32_t bytesPerPixel = 2,
-                     std::int32_t bytesPerLine = 0)
-    {
-        return m_slices.emplace_back(std::make_unique<TestSlice>(width, height, bytesPerPixel, bytesPerLine)).get();
-    }
-    void Fill(std::initializer_list<float> zValues)
-    {
-        for (float z : zValues)
-            ASSERT_TRUE(m_stack->InsertImage(Slice(), z, false, false)) << z;
-    }
-
-    std::vector<std::unique_ptr<TestSlice>> m_slices;  // declared first: outlives the stack
-    std::unique_ptr<QelImageStack> m_stack = QelImageStack::New();
-};
+using QelImageStackTest = StackTest;
 
 TEST_F(QelImageStackTest, NeighboursAreTheLastSliceAtOrBelowAndTheNextOne)
 {

@@ -2,8 +2,12 @@
 
 #include "image/QelRasterImage.h"
 #include "image/QelRgbColorSpec.h"  // the inline base constructor needs it whole
+#include "image_stack/QelImageStack.h"
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 // A slice over a buffer of its own, with whatever pitch a test asks for, that counts
@@ -33,4 +37,27 @@ public:
 private:
     std::vector<std::uint8_t> m_pixels;
     int* m_deletions;
+};
+
+// A stack and the slices the test made for it.
+class StackTest : public ::testing::Test {
+protected:
+    TestSlice* Slice(std::int32_t width = 4, std::int32_t height = 3, std::int32_t bytesPerPixel = 2,
+                     std::int32_t bytesPerLine = 0)
+    {
+        return m_slices.emplace_back(std::make_unique<TestSlice>(width, height, bytesPerPixel, bytesPerLine)).get();
+    }
+    // Origins of new slices at `zValues`, in the order given.
+    std::vector<const std::uint8_t*> Fill(std::initializer_list<float> zValues)
+    {
+        std::vector<const std::uint8_t*> origins;
+        for (float z : zValues) {
+            EXPECT_TRUE(m_stack->InsertImage(Slice(), z, false, false)) << z;
+            origins.push_back(m_slices.back()->OriginAddress());
+        }
+        return origins;
+    }
+
+    std::vector<std::unique_ptr<TestSlice>> m_slices;  // declared first: outlives the stack
+    std::unique_ptr<QelImageStack> m_stack = QelImageStack::New();
 };

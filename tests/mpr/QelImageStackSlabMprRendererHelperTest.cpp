@@ -29,15 +29,6 @@ constexpr std::int32_t kMip = QelSlabMode::MIP;
 constexpr std::int32_t kMinip = QelSlabMode::MINIP;
 constexpr std::int32_t kAvip = QelSlabMode::AVIP;
 
-QelFixedPoint3 Add(const QelFixedPoint3& a, const QelFixedPoint3& b, std::int32_t times = 1)
-{
-    const auto wrap = [](std::int32_t u, std::int32_t v, std::int32_t n) {
-        return static_cast<std::int32_t>(static_cast<std::uint32_t>(u) +
-                                         static_cast<std::uint32_t>(v) * static_cast<std::uint32_t>(n));
-    };
-    return {wrap(a.X, b.X, times), wrap(a.Y, b.Y, times), wrap(a.Z, b.Z, times)};
-}
-
 // What a ProcessRow call should leave in the accumulators, one sample at a time.
 void ReferenceRow(const SlabMprReference& reference, std::int32_t mode, bool isSigned, QelRasterImage& target,
                   QelRasterImage& flags, std::int32_t y, std::int32_t xFirst, std::int32_t xLast, std::int32_t sFirst,
@@ -47,8 +38,9 @@ void ReferenceRow(const SlabMprReference& reference, std::int32_t mode, bool isS
     for (std::int32_t x = xFirst; x <= xLast; ++x) {
         for (std::int32_t s = sFirst; s <= sLast; ++s) {
             // Sample 0 starts at p, later ones at q, which is sample max(sFirst, 1).
-            const QelFixedPoint3 at =
-                s == 0 ? Add(p, xStep, x - xFirst) : Add(Add(q, xStep, x - xFirst), slabStep, s - std::max(sFirst, 1));
+            const QelFixedPoint3 at = s == 0 ? QelSlabWrapAddScaled(p, xStep, x - xFirst)
+                                             : QelSlabWrapAddScaled(QelSlabWrapAddScaled(q, xStep, x - xFirst),
+                                                                    slabStep, s - std::max(sFirst, 1));
             std::uint32_t value = 0;
             if (!reference.Sample(at.X, at.Y, at.Z, value))
                 continue;
@@ -166,7 +158,7 @@ void Drive(const RandomCase& c, const QelSlabHelperBase& geometry, std::mt19937*
     std::vector<std::int32_t> firstHints(c.canvasHeight, 0), laterHints(c.canvasHeight, 0);
     for (std::int32_t s0 = 0; s0 < c.samples;) {
         const std::int32_t s1 = std::min(s0 + c.chunk - 1, c.samples - 1);
-        const QelFixedPoint3 offset = Add({}, geometry.SlabStep(), s0 == 0 ? 1 : s0);
+        const QelFixedPoint3 offset = QelSlabWrapAddScaled({}, geometry.SlabStep(), s0 == 0 ? 1 : s0);
         for (std::int32_t x = 0; x < c.canvasWidth; x += c.tileWidth) {
             const std::int32_t xe = std::min(x + c.tileWidth - 1, c.canvasWidth - 1);
             for (std::int32_t y = 0; y < c.canvasHeight; ++y) {
@@ -174,7 +166,7 @@ void Drive(const RandomCase& c, const QelSlabHelperBase& geometry, std::mt19937*
                 const std::int32_t hint =
                     noise ? static_cast<std::int32_t>((*noise)() % 12) : s0 == 0 ? firstHints[y] : laterHints[y];
                 std::int32_t first = 0;
-                processRow(y, x, xe, s0, s1, p, Add(p, offset), hint, first, laterHints[y]);
+                processRow(y, x, xe, s0, s1, p, QelSlabWrapAdd(p, offset), hint, first, laterHints[y]);
                 if (s0 == 0)
                     firstHints[y] = first;
             }

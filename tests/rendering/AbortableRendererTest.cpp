@@ -13,7 +13,6 @@
 #include <functional>
 #include <limits>
 #include <stdexcept>
-#include <thread>
 
 namespace {
 
@@ -113,9 +112,6 @@ TEST(AborterTest, TimeLeftIsInMillisecondsAndTheLargestValueWithoutALimit)
     EXPECT_EQ(Aborter().TimeLeft(), std::numeric_limits<std::int64_t>::max());
     const std::int64_t left = Aborter(5000).TimeLeft();
     EXPECT_TRUE(left > 4000 && left <= 5000) << left;
-    Aborter expired(1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_LT(expired.TimeLeft(), 0);
 }
 
 }  // namespace
